@@ -1,0 +1,457 @@
+#include "platform/url_loading.hpp"
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <boost/asio/associated_cancellation_slot.hpp>
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "platform/paths.hpp"
+
+namespace platform {
+namespace {
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
+      return false;
+  return true;
+}
+
+std::optional<std::string> findHeader(const HeaderFields& fields, std::string_view name) {
+  for (const auto& [k, v] : fields)
+    if (equalsIgnoringCase(k, name)) return v;
+  return std::nullopt;
+}
+
+Error urlError(long code, std::string description, const std::string& url) {
+  boost::json::object info;
+  info["NSErrorFailingURLStringKey"] = url;
+  return Error(url_error::domain, code, std::move(description), std::move(info));
+}
+
+Error translate(CURLcode code, const char* detail, const std::string& url) {
+  std::string text = detail && *detail ? detail : curl_easy_strerror(code);
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT:
+      return urlError(url_error::timedOut, "The request timed out. (" + text + ")", url);
+    case CURLE_COULDNT_CONNECT:
+      return urlError(url_error::cannotConnectToHost, "Could not connect to the server. (" + text + ")", url);
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return urlError(url_error::cannotFindHost, "A server with the specified hostname could not be found. (" + text + ")", url);
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_URL_MALFORMAT:
+      return urlError(url_error::unsupportedURL, "unsupported URL (" + text + ")", url);
+    case CURLE_PARTIAL_FILE:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_GOT_NOTHING:
+      return urlError(url_error::networkConnectionLost, "The network connection was lost. (" + text + ")", url);
+    case CURLE_FILE_COULDNT_READ_FILE:
+      return urlError(url_error::fileDoesNotExist, "The requested file does not exist. (" + text + ")", url);
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return urlError(url_error::secureConnectionFailed, "A TLS error caused the secure connection to fail. (" + text + ")", url);
+    default:
+      return urlError(url_error::unknown, text, url);
+  }
+}
+
+struct CurlGlobal {
+  CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+
+URLRequest URLRequest::make(std::string_view url) {
+  if (!isValidURL(url)) throw invalidURLError();
+  URLRequest request;
+  request.url = std::string(url);
+  return request;
+}
+
+void URLRequest::addValue(std::string value, std::string field) {
+  headers.emplace_back(std::move(field), std::move(value));
+}
+
+std::optional<std::string> URLRequest::value(std::string_view field) const {
+  return findHeader(headers, field);
+}
+
+std::optional<std::string> URLResponse::value(std::string_view field) const {
+  return findHeader(headers, field);
+}
+
+std::string URLResponse::mimeType() const {
+  auto type = value("Content-Type").value_or("");
+  type = type.substr(0, type.find(';'));
+  while (!type.empty() && std::isspace(static_cast<unsigned char>(type.back()))) type.pop_back();
+  for (auto& c : type) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return type;
+}
+
+URLSessionConfiguration URLSessionConfiguration::defaultConfiguration() { return {}; }
+
+// ---------------------------------------------------------------------------------------------
+// The loader: one thread per session that drives a curl multi handle. Every other thread
+// talks to it through a command queue and a wake-up.
+
+class CurlTask;
+
+struct URLSession::Loader : std::enable_shared_from_this<URLSession::Loader> {
+  CURLM* multi = nullptr;
+  std::mutex mutex;
+  std::vector<std::function<void()>> commands;
+  std::unordered_map<CURL*, std::shared_ptr<CurlTask>> running;
+  std::atomic<bool> stopping{false};
+  std::thread thread;
+
+  Loader() {
+    static CurlGlobal global;
+    multi = curl_multi_init();
+  }
+
+  void start() {
+    thread = std::thread([self = shared_from_this()] { self->loop(); });
+  }
+
+  void send(std::function<void()> command) {
+    {
+      std::lock_guard lock(mutex);
+      commands.push_back(std::move(command));
+    }
+    curl_multi_wakeup(multi);
+  }
+
+  void stop() {
+    stopping = true;
+    curl_multi_wakeup(multi);
+    if (thread.joinable()) {
+      if (thread.get_id() == std::this_thread::get_id())
+        thread.detach();
+      else
+        thread.join();
+    }
+  }
+
+  void loop();
+  void finish(CURL* easy, CURLcode code);
+};
+
+class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> {
+ public:
+  CurlTask(std::weak_ptr<URLSession::Loader> loader, URLRequest request, DataTaskCompletion completion,
+           std::shared_ptr<URLCache> cache)
+      : loader_(std::move(loader)),
+        request_(std::move(request)),
+        completion_(std::move(completion)),
+        cache_(std::move(cache)),
+        priority_(request_.priority) {}
+
+  ~CurlTask() override {
+    if (headerList_) curl_slist_free_all(headerList_);
+    if (easy_) curl_easy_cleanup(easy_);
+  }
+
+  void resume() override {
+    if (started_.exchange(true)) return;
+    if (auto answered = answerFromCache()) {
+      complete(std::move(*answered));
+      return;
+    }
+    auto loader = loader_.lock();
+    if (!loader) {
+      fail(urlError(url_error::cancelled, "cancelled", request_.url));
+      return;
+    }
+    loader->send([self = shared_from_this(), loader] { self->attach(*loader); });
+  }
+
+  void cancel() override {
+    if (finished_) return;
+    auto loader = loader_.lock();
+    if (!started_.exchange(true) || !loader) {
+      fail(urlError(url_error::cancelled, "cancelled", request_.url));
+      return;
+    }
+    loader->send([self = shared_from_this(), loader] {
+      if (self->easy_ && loader->running.erase(self->easy_)) curl_multi_remove_handle(loader->multi, self->easy_);
+      self->fail(urlError(url_error::cancelled, "cancelled", self->request_.url));
+    });
+  }
+
+  void setPriority(float priority) override {
+    priority_ = priority;
+    if (auto loader = loader_.lock())
+      loader->send([self = shared_from_this()] {
+        // A hint only: HTTP/2 stream weights are the one lever curl offers.
+        if (self->easy_)
+          curl_easy_setopt(self->easy_, CURLOPT_STREAM_WEIGHT, static_cast<long>(1 + self->priority_ * 255));
+      });
+  }
+  float priority() const override { return priority_; }
+  const URLRequest& request() const override { return request_; }
+
+  // Runs on the loader thread.
+  void attach(URLSession::Loader& loader) {
+    if (finished_) return;
+    easy_ = curl_easy_init();
+    configure();
+    loader.running.emplace(easy_, shared_from_this());
+    curl_multi_add_handle(loader.multi, easy_);
+  }
+
+  // Runs on the loader thread, once curl is done with the handle.
+  void finished(CURLcode code) {
+    if (code == CURLE_OK) {
+      long status = 0;
+      curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+      char* effective = nullptr;
+      curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
+      URLResponse response{effective ? effective : request_.url, std::nullopt, std::move(headers_)};
+      if (status != 0) response.statusCode = status;
+      complete(DataResult{std::move(body_), std::move(response)});
+      return;
+    }
+    if (code == CURLE_WRITE_ERROR && tooLarge_) {
+      fail(urlError(url_error::dataLengthExceedsMaximum,
+                    "The response is larger than the allowed " +
+                        std::to_string(*request_.maxResponseBytes) + " bytes.",
+                    request_.url));
+      return;
+    }
+    if (code == CURLE_ABORTED_BY_CALLBACK && idle_) {
+      fail(urlError(url_error::timedOut,
+                    "The request timed out. (no data for " + std::to_string(request_.timeout.count()) + " ms)",
+                    request_.url));
+      return;
+    }
+    fail(translate(code, errorBuffer_, request_.url));
+  }
+
+ private:
+  std::optional<DataResult> answerFromCache() {
+    const auto policy = request_.cachePolicy;
+    if (policy != CachePolicy::returnCacheDataElseLoad && policy != CachePolicy::returnCacheDataDontLoad)
+      return std::nullopt;
+    if (cache_)
+      if (auto hit = cache_->cachedResponse(request_)) return hit;
+    if (policy == CachePolicy::returnCacheDataDontLoad) {
+      fail(urlError(-1008, "The resource is not in the cache and the request may not load it.", request_.url));
+      return std::nullopt;
+    }
+    return std::nullopt;
+  }
+
+  void configure() {
+    curl_easy_setopt(easy_, CURLOPT_URL, request_.url.c_str());
+    curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
+    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, 10L);
+    curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorBuffer_);
+    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request_.timeout.count()));
+    curl_easy_setopt(easy_, CURLOPT_ACCEPT_ENCODING, nullptr);
+    curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https,file");
+    curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &CurlTask::onBody);
+    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &CurlTask::onHeader);
+    curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(easy_, CURLOPT_XFERINFOFUNCTION, &CurlTask::onProgress);
+    curl_easy_setopt(easy_, CURLOPT_XFERINFODATA, this);
+    curl_easy_setopt(easy_, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(easy_, CURLOPT_STREAM_WEIGHT, static_cast<long>(1 + priority_ * 255));
+
+    if (request_.method == "GET") {
+      curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
+    } else if (request_.method == "HEAD") {
+      curl_easy_setopt(easy_, CURLOPT_NOBODY, 1L);
+    } else {
+      curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
+    }
+    if (request_.body) {
+      curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, request_.body->data());
+      curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body->size()));
+    }
+    // Exactly the headers the caller added: curl's own Accept, Expect and form
+    // Content-Type are switched off unless the caller set them.
+    for (const auto& [field, value] : request_.headers)
+      headerList_ = curl_slist_append(headerList_, (field + (value.empty() ? ";" : ": " + value)).c_str());
+    for (const char* own : {"Accept", "Expect", "Content-Type"})
+      if (!request_.value(own)) headerList_ = curl_slist_append(headerList_, (std::string(own) + ":").c_str());
+    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
+    lastActivity_ = std::chrono::steady_clock::now();
+  }
+
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self) {
+    auto* task = static_cast<CurlTask*>(self);
+    const auto n = size * count;
+    task->lastActivity_ = std::chrono::steady_clock::now();
+    if (task->request_.maxResponseBytes && task->body_.size() + n > *task->request_.maxResponseBytes) {
+      task->tooLarge_ = true;
+      return 0;
+    }
+    task->body_.append(data, n);
+    return n;
+  }
+
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self) {
+    auto* task = static_cast<CurlTask*>(self);
+    const auto n = size * count;
+    task->lastActivity_ = std::chrono::steady_clock::now();
+    std::string_view line(data, n);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+    if (line.starts_with("HTTP/")) {
+      task->headers_.clear();  // a new response (after a redirect or a 100 Continue)
+    } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
+      auto value = line.substr(colon + 1);
+      while (!value.empty() && value.front() == ' ') value.remove_prefix(1);
+      task->headers_.emplace_back(std::string(line.substr(0, colon)), std::string(value));
+    }
+    return n;
+  }
+
+  static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    auto* task = static_cast<CurlTask*>(self);
+    if (std::chrono::steady_clock::now() - task->lastActivity_ > task->request_.timeout) {
+      task->idle_ = true;
+      return 1;
+    }
+    return 0;
+  }
+
+  void complete(DataResult result) {
+    if (finished_.exchange(true)) return;
+    auto completion = std::move(completion_);
+    if (completion) completion(std::move(result.data), std::move(result.response), std::nullopt);
+  }
+
+  void fail(Error error) {
+    if (finished_.exchange(true)) return;
+    auto completion = std::move(completion_);
+    if (completion) completion({}, std::nullopt, std::move(error));
+  }
+
+  std::weak_ptr<URLSession::Loader> loader_;
+  URLRequest request_;
+  DataTaskCompletion completion_;
+  std::shared_ptr<URLCache> cache_;
+  std::atomic<float> priority_;
+  std::atomic<bool> started_{false};
+  std::atomic<bool> finished_{false};
+  CURL* easy_ = nullptr;
+  curl_slist* headerList_ = nullptr;
+  char errorBuffer_[CURL_ERROR_SIZE] = {};
+  std::string body_;
+  HeaderFields headers_;
+  bool tooLarge_ = false;
+  bool idle_ = false;
+  std::chrono::steady_clock::time_point lastActivity_;
+};
+
+void URLSession::Loader::loop() {
+  while (!stopping) {
+    std::vector<std::function<void()>> pending;
+    {
+      std::lock_guard lock(mutex);
+      pending.swap(commands);
+    }
+    for (auto& command : pending) command();
+
+    int active = 0;
+    curl_multi_perform(multi, &active);
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+      if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
+    }
+    curl_multi_poll(multi, nullptr, 0, 200, nullptr);
+  }
+  for (auto& [easy, task] : running) curl_multi_remove_handle(multi, easy);
+  running.clear();
+  curl_multi_cleanup(multi);
+}
+
+void URLSession::Loader::finish(CURL* easy, CURLcode code) {
+  auto it = running.find(easy);
+  if (it == running.end()) return;
+  auto task = std::move(it->second);
+  running.erase(it);
+  curl_multi_remove_handle(multi, easy);
+  task->finished(code);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+URLSession::URLSession(URLSessionConfiguration configuration)
+    : configuration_(std::move(configuration)), loader_(std::make_shared<Loader>()) {
+  loader_->start();
+}
+
+URLSession::~URLSession() { loader_->stop(); }
+
+URLSession& URLSession::shared() {
+  // Never destroyed: detached tasks may still load while the process exits.
+  static URLSession* session = new URLSession();
+  return *session;
+}
+
+std::shared_ptr<DataTask> URLSession::dataTask(URLRequest request, DataTaskCompletion completion) {
+  return std::make_shared<CurlTask>(loader_, std::move(request), std::move(completion),
+                                    configuration_.urlCache);
+}
+
+DataResult URLSession::dataSync(URLRequest request) {
+  std::promise<DataResult> promise;
+  auto future = promise.get_future();
+  auto task = dataTask(std::move(request), [&promise](std::string data, std::optional<URLResponse> response,
+                                                       std::optional<Error> error) {
+    if (error)
+      promise.set_exception(std::make_exception_ptr(std::move(*error)));
+    else
+      promise.set_value(DataResult{std::move(data), std::move(*response)});
+  });
+  task->resume();
+  return future.get();
+}
+
+boost::asio::awaitable<DataResult> URLSession::data(URLRequest request) {
+  auto initiation = [this](auto handler, URLRequest request) {
+    auto slot = boost::asio::get_associated_cancellation_slot(handler);
+    auto executor = boost::asio::get_associated_executor(handler);
+    auto shared = std::make_shared<decltype(handler)>(std::move(handler));
+    auto task = dataTask(std::move(request), [shared, executor](std::string data,
+                                                                std::optional<URLResponse> response,
+                                                                std::optional<Error> error) {
+      boost::asio::dispatch(executor, [shared, data = std::move(data), response = std::move(response),
+                                       error = std::move(error)]() mutable {
+        if (error)
+          (*shared)(std::make_exception_ptr(std::move(*error)), DataResult{});
+        else
+          (*shared)(nullptr, DataResult{std::move(data), std::move(*response)});
+      });
+    });
+    if (slot.is_connected()) {
+      slot.assign([weak = std::weak_ptr<DataTask>(task)](boost::asio::cancellation_type) {
+        if (auto t = weak.lock()) t->cancel();
+      });
+    }
+    task->resume();
+  };
+  co_return co_await boost::asio::async_initiate<decltype(boost::asio::use_awaitable),
+                                                 void(std::exception_ptr, DataResult)>(
+      initiation, boost::asio::use_awaitable, std::move(request));
+}
+
+}  // namespace platform

@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/error.hpp"
+#include "platform/json.hpp"
+#include "platform/main_queue.hpp"
+#include "platform/notification.hpp"
+#include "platform/paths.hpp"
+#include "platform/system_log.hpp"
+
+using namespace std::chrono_literals;
+
+TEST(JSON, WritesNumbersAsPeopleDoAndPrettyPrintsWithTwoSpaces) {
+  auto v = platform::parseJSON(R"({"a": 3.25, "b": [1, true, null], "c": {}})");
+  EXPECT_EQ(platform::toJSON(v), R"({"a":3.25,"b":[1,true,null],"c":{}})");
+  EXPECT_EQ(platform::toJSON(v, platform::JSONStyle::pretty),
+            "{\n  \"a\" : 3.25,\n  \"b\" : [\n    1,\n    true,\n    null\n  ],\n  \"c\" : {}\n}");
+}
+
+TEST(JSON, SyntaxErrorsSayWhere) {
+  try {
+    platform::parseJSON("{\n  \"a\": 1,\n  oops\n}");
+    FAIL();
+  } catch (const platform::JSONSyntaxError& e) {
+    EXPECT_EQ(e.line(), 3u);
+    EXPECT_EQ(e.column(), 3u);
+  }
+  EXPECT_THROW(platform::parseJSON("{} {}"), platform::JSONSyntaxError);
+  EXPECT_THROW(platform::parseJSON(""), platform::JSONSyntaxError);
+}
+
+TEST(MainQueue, RunsPostedWorkInOrderAndSkipsCancelledItems) {
+  auto& main = platform::MainQueue::shared();
+  std::vector<int> order;
+  auto cancelled = std::make_shared<platform::WorkItem>([&] { order.push_back(99); });
+  main.postAfter(20ms, [&] { order.push_back(3); });
+  main.postAfter(10ms, cancelled);
+  main.post([&] {
+    EXPECT_TRUE(main.isMainThread());
+    order.push_back(1);
+  });
+  main.post([&] { order.push_back(2); });
+  cancelled->cancel();
+  EXPECT_TRUE(order.empty());
+  EXPECT_TRUE(main.runUntil([&] { return order.size() == 3; }, 2s));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  EXPECT_FALSE(main.isMainThread());
+}
+
+TEST(Attachment, AcceptsKnownTypesWithinLimitsAndRefusesTheRest) {
+  const auto dir = std::filesystem::temp_directory_path() / platform::newUUID();
+  std::filesystem::create_directories(dir);
+  auto write = [&](const std::string& name, const std::string& bytes) {
+    std::ofstream(dir / name, std::ios::binary) << bytes;
+    return platform::fileURL(dir / name);
+  };
+  auto jpeg = platform::NotificationAttachment::make("a", write("p.jpg", "\xFF\xD8\xFF\xE0rest"));
+  EXPECT_EQ(jpeg.type, "public.jpeg");
+  EXPECT_EQ(platform::NotificationAttachment::make("b", write("v.MP4", "video")).type, "public.mpeg-4");
+
+  auto codeOf = [](const std::string& url) {
+    try {
+      platform::NotificationAttachment::make("x", url);
+    } catch (const platform::Error& e) {
+      return e.code();
+    }
+    return 0L;
+  };
+  EXPECT_EQ(codeOf(write("doc.pdf", "%PDF")), platform::attachment_error::unrecognizedFileType);
+  EXPECT_EQ(codeOf(write("page.jpg", "<html>")), platform::attachment_error::invalidContents);
+  EXPECT_EQ(codeOf(write("empty.png", "")), platform::attachment_error::invalidFileSize);
+  EXPECT_EQ(codeOf(platform::fileURL(dir / "missing.jpg")), platform::attachment_error::fileNotFound);
+  EXPECT_EQ(codeOf("http://example.invalid/a.jpg"), platform::attachment_error::invalidURL);
+  std::filesystem::remove_all(dir);
+}
+
+TEST(Paths, DigestsExtensionsAndUUIDs) {
+  EXPECT_EQ(platform::sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(platform::pathExtension("https://h/a/b.jpeg?x=1.png#f"), "jpeg");
+  EXPECT_EQ(platform::pathExtension("https://h/a/b"), "");
+  const auto id = platform::newUUID();
+  EXPECT_EQ(id.size(), 36u);
+  EXPECT_NE(id, platform::newUUID());
+  EXPECT_EQ(platform::pathFromFileURL(platform::fileURL("/tmp/a b.jpg")), std::filesystem::path("/tmp/a b.jpg"));
+}
+
+TEST(SystemLog, CapturedSinkSeesSubsystemCategoryAndLevel) {
+  platform::CapturedLog captured;
+  platform::SystemLog("com.example", "cat").fault("boom");
+  auto records = captured.records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].subsystem, "com.example");
+  EXPECT_EQ(records[0].type, platform::LogType::fault);
+  EXPECT_EQ(captured.messages("cat"), std::vector<std::string>{"boom"});
+}
