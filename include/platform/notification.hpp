@@ -52,6 +52,14 @@ inline constexpr long invalidContents = 104;
 
 class MutableNotificationContent;
 
+/// The sender that a communication notification shows beside its texts: a name and a
+/// picture, given by reference (a URL that the system loads itself) or as PNG bytes.
+struct CommunicationSender {
+  std::optional<std::string> displayName;
+  std::optional<std::string> imageURL;
+  std::optional<std::string> imagePNG;
+};
+
 /// What a notification shows. Absent texts and numbers are none.
 class NotificationContent {
  public:
@@ -64,6 +72,9 @@ class NotificationContent {
   std::optional<std::string> categoryIdentifier;
   boost::json::object userInfo;
   std::vector<NotificationAttachment> attachments;
+  /// Set when the content has been turned into a communication notification (see
+  /// `platform::updatingContent` in intents.hpp); none for an ordinary notification.
+  std::optional<CommunicationSender> communication;
 
   virtual ~NotificationContent() = default;
 
