@@ -1,0 +1,61 @@
+#include "http.hpp"
+
+#include <algorithm>
+#include <boost/url/parse.hpp>
+#include <cctype>
+
+#include "platform/json.hpp"
+
+namespace sandbox {
+namespace {
+
+bool iequals(std::string_view a, std::string_view b) {
+  return std::ranges::equal(a, b, [](char x, char y) {
+    return std::tolower(static_cast<unsigned char>(x)) ==
+           std::tolower(static_cast<unsigned char>(y));
+  });
+}
+
+}  // namespace
+
+Request Request::make(std::string method, std::string target, HeaderFields headers,
+                      std::string body) {
+  auto parsed = boost::urls::parse_origin_form(target);
+  if (!parsed) throw BadRequest("the request target '" + target + "' is not a path");
+  Request request;
+  request.path = parsed->path();
+  for (auto param : parsed->params())
+    request.query.emplace_back(param.key, param.has_value ? param.value : std::string());
+  request.method = std::move(method);
+  request.target = std::move(target);
+  request.headers = std::move(headers);
+  request.body = std::move(body);
+  return request;
+}
+
+std::optional<std::string> Request::header(std::string_view name) const {
+  for (const auto& [key, value] : headers)
+    if (iequals(key, name)) return value;
+  return std::nullopt;
+}
+
+std::optional<std::string> Request::queryValue(std::string_view name) const {
+  for (const auto& [key, value] : query)
+    if (key == name) return value;
+  return std::nullopt;
+}
+
+Response Response::json(int status, const boost::json::value& body) {
+  return Response{status, {{"Content-Type", "application/json"}}, platform::toJSON(body)};
+}
+
+Response Response::error(int status, std::string message, std::string type) {
+  return json(status,
+              boost::json::object{{"message", std::move(message)}, {"type", std::move(type)}});
+}
+
+Response Response::bytes(std::string contentType, std::string body) {
+  return Response{200, {{"Content-Type", std::move(contentType)}}, std::move(body)};
+}
+
+}  // namespace sandbox

@@ -1,0 +1,38 @@
+#pragma once
+// Routes by method and path. Each area of the service registers its routes from a file of
+// its own (routes.hpp), so that adding an area touches neither the router nor the server.
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "http.hpp"
+
+namespace sandbox {
+
+class Router {
+ public:
+  /// `rest` is the part of the path that a pattern's trailing "*" matched ("" otherwise).
+  using Handler = std::function<Response(const Request& request, std::string_view rest)>;
+
+  /// `pattern` is an exact path ("/_sandbox/requests") or a prefix ending in "*"
+  /// ("/track/*"). Routes are tried in the order added.
+  ///
+  ///   router.add("POST", "/track/*", [](const Request& r, std::string_view id) { ... });
+  void add(std::string method, std::string pattern, Handler handler);
+
+  /// The answer of the first matching route; 404 when no path matches, 405 when the path
+  /// matches but not the method. A handler's exception becomes a 500 that carries its text.
+  Response handle(const Request& request) const;
+
+ private:
+  struct Route {
+    std::string method;
+    std::string pattern;
+    Handler handler;
+  };
+  std::vector<Route> routes_;
+};
+
+}  // namespace sandbox

@@ -1,0 +1,59 @@
+#include <array>
+#include <string_view>
+
+#include "platform/json.hpp"
+#include "routes.hpp"
+
+namespace sandbox {
+namespace {
+
+constexpr std::array<std::string_view, 5> kEvents{"CLICKED", "DELIVERED", "OPENED", "READ",
+                                                  "UNREAD"};
+
+std::string kind(const boost::json::value& value) {
+  switch (value.kind()) {
+    case boost::json::kind::null:
+      return "null";
+    case boost::json::kind::bool_:
+      return "a boolean";
+    case boost::json::kind::string:
+      return "a string";
+    case boost::json::kind::array:
+      return "an array";
+    case boost::json::kind::object:
+      return "an object";
+    default:
+      return "a number";
+  }
+}
+
+Response track(const Request& request, std::string_view) {
+  boost::json::value body;
+  try {
+    body = platform::parseJSON(request.body);
+  } catch (const platform::JSONSyntaxError& e) {
+    return Response::error(400, std::string("the body is not JSON: ") + e.what());
+  }
+  const auto* object = body.if_object();
+  if (!object)
+    return Response::error(400,
+                           "the body must be a JSON object with an \"event\", not " + kind(body));
+  const auto* event = object->if_contains("event");
+  if (!event) return Response::error(400, "the body has no \"event\"");
+  const auto* name = event->if_string();
+  if (!name) return Response::error(400, "\"event\" must be a string, not " + kind(*event));
+  for (auto known : kEvents)
+    if (*name == known) return Response::json(200, boost::json::object{{"tracked", known}});
+  return Response::error(400,
+                         "\"event\" must be one of CLICKED, DELIVERED, OPENED, READ, UNREAD, "
+                         "not \"" +
+                             std::string(*name) + "\"");
+}
+
+}  // namespace
+
+void addTrackingRoutes(Router& router) {
+  router.add("POST", "/track/*", track);
+}
+
+}  // namespace sandbox

@@ -1,0 +1,324 @@
+// notification-service: stands in for the phone's notification-service extension point. It
+// builds a notification request from a push payload, hands it to an extension, calls the
+// extension's deadline entry point when the time is up, and prints every content that the
+// extension delivers as one JSON line.
+
+#include <unistd.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "content_json.hpp"
+#include "extensions.hpp"
+#include "payload.hpp"
+#include "platform/executor.hpp"
+#include "platform/json.hpp"
+#include "platform/main_queue.hpp"
+#include "platform/paths.hpp"
+#include "platform/system_log.hpp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kExitDelivered = 0;
+constexpr int kExitBadInput = 2;
+constexpr int kExitNeverDelivered = 3;
+
+constexpr const char* kName = "notification-service";
+
+struct Options {
+  std::string payloadPath;
+  const host::ExtensionEntry* extension = nullptr;
+  double deadlineSeconds = 30;
+  double graceSeconds = 2;
+  bool verbose = false;
+  bool copyable = true;
+};
+
+void printHelp() {
+  std::cout << "Usage: " << kName << R"( [options] PAYLOAD.json
+       )" << kName
+            << R"( [options] -          (reads the payload from standard input)
+
+Stands in for the phone's notification-service extension point: builds a notification
+request from an APNs-style push payload, calls the extension's didReceive on a thread of its
+own, calls serviceExtensionTimeWillExpire from another thread at the deadline, and runs the
+main queue on the main thread meanwhile.
+
+The payload's "aps" gives the content: "alert" (an object with "title", "subtitle", "body",
+or a string that is the body), "badge", "sound", "thread-id", "category"; every top-level
+key, "aps" included, goes into the user info. Without "aps.mutable-content": 1 the phone
+would not call an extension at all; the host says so on standard error and runs it anyway.
+
+Options:
+  --extension NAME   the extension class to load (default: )"
+            << host::defaultExtension().name << R"()
+)";
+  for (const auto& entry : host::extensions())
+    std::cout << "                       " << entry.name << ": " << entry.summary << "\n";
+  std::cout << R"(  --deadline SECONDS time from didReceive to serviceExtensionTimeWillExpire
+                     (default 30; fractions allowed)
+  --grace SECONDS    how long to wait after the deadline for work still running (default 2)
+  --no-mutable-copy  hand over a content that cannot be copied into a mutable one
+  --verbose          write the system log to standard error
+  --help             show this text
+
+Output: one JSON line on standard output for every call of the content handler:
+  {"call": N, "elapsed_ms": MS, "content": {"title", "subtitle", "body", "badge", "sound",
+   "threadIdentifier", "categoryIdentifier", "userInfo",
+   "attachments": [{"identifier", "url", "type", "options"}], "communication"}}
+N counts the calls from 1; MS is the time since didReceive was called; absent values are
+null. The host ends once the handler has been called and no work of the extension is still
+running, or GRACE seconds after the deadline, whichever comes first.
+
+Exit status:
+  0  the content handler was called at least once
+  2  bad options, or a payload that is missing, not JSON or not a JSON object
+     (one line on standard error; nothing on standard output)
+  3  the content handler was never called
+)";
+}
+
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+double parseSeconds(std::string_view option, std::string_view text) {
+  double value = 0;
+  const auto* end = text.data() + text.size();
+  auto [ptr, ec] = std::from_chars(text.data(), end, value);
+  if (text.empty() || ec != std::errc() || ptr != end || !std::isfinite(value) || value < 0 ||
+      value > 86400)
+    throw UsageError(std::string(option) + " takes a number of seconds between 0 and 86400, not '" +
+                     std::string(text) + "'");
+  return value;
+}
+
+// Returns none when the program should end at once (after --help).
+std::optional<Options> parseOptions(int argc, char** argv) {
+  Options options;
+  std::vector<std::string> positional;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    std::optional<std::string> inlineValue;
+    if (arg.starts_with("--") && arg.find('=') != std::string::npos) {
+      inlineValue = arg.substr(arg.find('=') + 1);
+      arg = arg.substr(0, arg.find('='));
+    }
+    auto value = [&]() -> std::string {
+      if (inlineValue) return *inlineValue;
+      if (i + 1 >= argc) throw UsageError(arg + " needs a value");
+      return argv[++i];
+    };
+    auto noValue = [&] {
+      if (inlineValue) throw UsageError(arg + " takes no value");
+    };
+    if (arg == "--help" || arg == "-h") {
+      printHelp();
+      return std::nullopt;
+    } else if (arg == "--extension") {
+      const auto name = value();
+      options.extension = host::findExtension(name);
+      if (!options.extension) {
+        std::string known;
+        for (const auto& entry : host::extensions())
+          known += (known.empty() ? "" : ", ") + std::string(entry.name);
+        throw UsageError("unknown extension '" + name + "' (this host has: " + known + ")");
+      }
+    } else if (arg == "--deadline") {
+      options.deadlineSeconds = parseSeconds(arg, value());
+    } else if (arg == "--grace") {
+      options.graceSeconds = parseSeconds(arg, value());
+    } else if (arg == "--verbose") {
+      noValue();
+      options.verbose = true;
+    } else if (arg == "--no-mutable-copy") {
+      noValue();
+      options.copyable = false;
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      throw UsageError("unknown option '" + arg + "' (see --help)");
+    } else {
+      positional.push_back(arg);
+    }
+  }
+  if (positional.size() != 1)
+    throw UsageError(positional.empty() ? "no payload given (a file, or - for standard input)"
+                                        : "give exactly one payload");
+  options.payloadPath = positional.front();
+  if (!options.extension) options.extension = &host::defaultExtension();
+  return options;
+}
+
+std::string readPayload(const std::string& path) {
+  if (path == "-") {
+    return std::string(std::istreambuf_iterator<char>(std::cin), {});
+  }
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec))
+    throw UsageError("cannot read payload '" + path + "': it is a directory");
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw UsageError("cannot read payload '" + path + "': " + std::strerror(errno));
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Everything the content handler touches; shared with threads that may outlive a late call.
+struct Delivery {
+  std::mutex mutex;
+  Clock::time_point start;
+  int calls = 0;
+  bool closed = false;
+
+  void deliver(const platform::NotificationContent& content) {
+    std::lock_guard lock(mutex);
+    if (closed) return;
+    const auto elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+    boost::json::object line;
+    line["call"] = ++calls;
+    line["elapsed_ms"] = elapsed;
+    line["content"] = host::contentJSON(content);
+    std::cout << platform::toJSON(line) << std::endl;
+  }
+
+  bool called() {
+    std::lock_guard lock(mutex);
+    return calls > 0;
+  }
+};
+
+// Calls the extension's deadline entry point from its own thread, unless cancelled first.
+class DeadlineTimer {
+ public:
+  DeadlineTimer(Clock::time_point when, std::function<void()> expire)
+      : thread_([this, when, expire = std::move(expire)] {
+          std::unique_lock lock(mutex_);
+          if (cancelled_.wait_until(lock, when, [this] { return stop_; })) return;
+          lock.unlock();
+          expire();
+        }) {}
+
+  ~DeadlineTimer() {
+    {
+      std::lock_guard lock(mutex_);
+      stop_ = true;
+    }
+    cancelled_.notify_all();
+    thread_.join();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cancelled_;
+  bool stop_ = false;
+  std::thread thread_;
+};
+
+int run(const Options& options) {
+  const auto text = readPayload(options.payloadPath);
+  boost::json::value json;
+  try {
+    json = platform::parseJSON(text);
+  } catch (const platform::JSONSyntaxError& e) {
+    throw UsageError("payload is not valid JSON: " + std::string(e.what()));
+  }
+  host::Payload payload;
+  try {
+    payload = host::payloadFromJSON(json, platform::newUUID(), options.copyable);
+  } catch (const host::PayloadError& e) {
+    throw UsageError(std::string("bad payload: ") + e.what());
+  }
+  if (!payload.mutableContent)
+    std::cerr << kName
+              << ": note: \"aps.mutable-content\" is not 1; the phone would show this "
+                 "notification without calling an extension\n";
+
+  if (options.verbose) {
+    platform::SystemLog::setDebugEnabled(true);
+    platform::SystemLog::routeToStandardError();
+  }
+
+  std::shared_ptr<platform::NotificationServiceExtension> extension = options.extension->make();
+  auto delivery = std::make_shared<Delivery>();
+  platform::ContentHandler handler = [delivery](const platform::NotificationContent& content) {
+    delivery->deliver(content);
+  };
+  auto returned = std::make_shared<std::atomic<bool>>(false);
+
+  const auto deadline = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(options.deadlineSeconds));
+  const auto grace = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(options.graceSeconds));
+
+  delivery->start = Clock::now();
+  std::thread worker([extension, request = payload.request, handler, returned] {
+    extension->didReceive(request, handler);
+    *returned = true;
+  });
+  bool finished = false;
+  {
+    DeadlineTimer timer(delivery->start + deadline,
+                        [extension] { extension->serviceExtensionTimeWillExpire(); });
+    // The main queue runs here so that completions posted to it (rich-push downloads) arrive.
+    finished = platform::MainQueue::shared().runUntil(
+        [&] { return *returned && platform::runningTasks() == 0 && delivery->called(); },
+        deadline + grace);
+  }
+  int calls = 0;
+  {
+    std::lock_guard lock(delivery->mutex);
+    delivery->closed = true;  // calls that come later are past the phone's patience
+    calls = delivery->calls;
+  }
+  std::cout.flush();
+  if (calls == 0)
+    std::cerr << kName << ": the content handler was never called (deadline "
+              << options.deadlineSeconds << " s, grace " << options.graceSeconds << " s)\n";
+  const int status = calls > 0 ? kExitDelivered : kExitNeverDelivered;
+  if (!finished && (!*returned || platform::runningTasks() > 0)) {
+    if (options.verbose)
+      std::cerr << kName << ": work of the extension still running " << options.graceSeconds
+                << " s after the deadline; stopping\n";
+    // Threads of the extension are still inside its code: leave without running destructors
+    // under their feet.
+    worker.detach();
+    std::cerr.flush();
+    std::_Exit(status);
+  }
+  worker.join();
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const auto options = parseOptions(argc, argv);
+    if (!options) return 0;
+    return run(*options);
+  } catch (const UsageError& e) {
+    std::cerr << kName << ": " << e.what() << "\n";
+    return kExitBadInput;
+  } catch (const std::exception& e) {
+    std::cerr << kName << ": " << e.what() << "\n";
+    return 1;
+  }
+}
