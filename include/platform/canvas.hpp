@@ -59,6 +59,12 @@ class Image {
   Image();
   /// Decodes PNG bytes; none when they are not a PNG image.
   static std::optional<Image> fromPNG(std::string_view bytes);
+  /// Decodes baseline or progressive JPEG bytes (greyscale, RGB or CMYK); none when they are
+  /// not a JPEG image or hold more than 40 million pixels. A file cut short decodes with its
+  /// missing rows grey, as viewers show it.
+  static std::optional<Image> fromJPEG(std::string_view bytes);
+  /// PNG or JPEG, told apart by their first bytes; none for anything else.
+  static std::optional<Image> fromData(std::string_view bytes);
 
   bool isEmpty() const;
   Size size() const;
@@ -74,6 +80,9 @@ class Image {
 
   /// PNG bytes; none when encoding fails or the image is empty.
   std::optional<std::string> pngData() const;
+  /// JPEG bytes at a quality between 0 and 1, composited on white (JPEG has no alpha); none
+  /// when encoding fails or the image is empty.
+  std::optional<std::string> jpegData(double quality) const;
 
   struct Surface;  // the cairo surface; defined in the source file
 

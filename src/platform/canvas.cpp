@@ -1,10 +1,13 @@
 #include "platform/canvas.hpp"
 
 #include <cairo.h>
+#include <jpeglib.h>
 
 #include <algorithm>
 #include <cmath>
+#include <csetjmp>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <numbers>
 
@@ -77,6 +80,130 @@ void roundedRectPath(cairo_t* cr, Rect r, double radius) {
   cairo_close_path(cr);
 }
 
+// libjpeg reports a fatal error by calling error_exit, which must not return; jumping back
+// to the decoder's frame keeps a corrupt file from ending the process.
+struct JPEGErrorManager {
+  jpeg_error_mgr base;
+  std::jmp_buf jump;
+};
+
+void onJPEGError(j_common_ptr info) {
+  std::longjmp(reinterpret_cast<JPEGErrorManager*>(info->err)->jump, 1);
+}
+
+void ignoreJPEGMessage(j_common_ptr) {}
+
+constexpr long long kMaxDecodedPixels = 40'000'000;
+
+// Decodes into a cairo surface; returns null on any error. Kept free of C++ objects with
+// destructors between setjmp and the last libjpeg call, as longjmp skips them.
+cairo_surface_t* decodeJPEG(const unsigned char* data, unsigned long size) {
+  jpeg_decompress_struct info;
+  JPEGErrorManager error;
+  info.err = jpeg_std_error(&error.base);
+  error.base.error_exit = onJPEGError;
+  error.base.output_message = ignoreJPEGMessage;
+  cairo_surface_t* volatile surface = nullptr;
+  unsigned char* volatile row = nullptr;
+  if (setjmp(error.jump)) {
+    jpeg_destroy_decompress(&info);
+    if (surface) cairo_surface_destroy(surface);
+    std::free(row);
+    return nullptr;
+  }
+  jpeg_create_decompress(&info);
+  jpeg_mem_src(&info, data, size);
+  jpeg_read_header(&info, TRUE);
+  const bool cmyk = info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
+  info.out_color_space = cmyk ? JCS_CMYK : JCS_RGB;
+  jpeg_start_decompress(&info);
+  const auto width = static_cast<int>(info.output_width);
+  const auto height = static_cast<int>(info.output_height);
+  // A picture larger than any screen is refused rather than given gigabytes of memory.
+  if (static_cast<long long>(width) * height > kMaxDecodedPixels) std::longjmp(error.jump, 1);
+  surface = cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height);
+  if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) std::longjmp(error.jump, 1);
+  row = static_cast<unsigned char*>(std::malloc(static_cast<std::size_t>(width) * 4));
+  unsigned char* pixels = cairo_image_surface_get_data(surface);
+  const int stride = cairo_image_surface_get_stride(surface);
+  while (info.output_scanline < info.output_height) {
+    const auto y = static_cast<int>(info.output_scanline);
+    JSAMPROW rows[1] = {row};
+    jpeg_read_scanlines(&info, rows, 1);
+    auto* out = reinterpret_cast<std::uint32_t*>(pixels + y * stride);
+    for (int x = 0; x < width; ++x) {
+      std::uint32_t r, g, b;
+      if (cmyk) {  // Adobe writes inverted CMYK; multiplying by K gives RGB
+        const unsigned char* p = row + 4 * x;
+        r = p[0] * p[3] / 255u, g = p[1] * p[3] / 255u, b = p[2] * p[3] / 255u;
+      } else {
+        const unsigned char* p = row + 3 * x;
+        r = p[0], g = p[1], b = p[2];
+      }
+      out[x] = 0xFF000000u | r << 16 | g << 8 | b;
+    }
+  }
+  jpeg_finish_decompress(&info);
+  jpeg_destroy_decompress(&info);
+  std::free(row);
+  cairo_surface_mark_dirty(surface);
+  return surface;
+}
+
+// Encodes opaque pixels of an ARGB32 or RGB24 surface; null output on any error.
+bool encodeJPEG(cairo_surface_t* s, int quality, std::string& out) {
+  jpeg_compress_struct info;
+  JPEGErrorManager error;
+  info.err = jpeg_std_error(&error.base);
+  error.base.error_exit = onJPEGError;
+  error.base.output_message = ignoreJPEGMessage;
+  // libjpeg grows the output by replacing `target` through its address, so the error path
+  // frees whatever it holds then.
+  unsigned char* target = nullptr;
+  unsigned long size = 0;
+  unsigned char* volatile row = nullptr;
+  if (setjmp(error.jump)) {
+    jpeg_destroy_compress(&info);
+    std::free(target);
+    std::free(row);
+    return false;
+  }
+  jpeg_create_compress(&info);
+  jpeg_mem_dest(&info, &target, &size);
+  const bool opaque = cairo_image_surface_get_format(s) == CAIRO_FORMAT_RGB24;
+  const int width = cairo_image_surface_get_width(s);
+  const int height = cairo_image_surface_get_height(s);
+  info.image_width = static_cast<JDIMENSION>(width);
+  info.image_height = static_cast<JDIMENSION>(height);
+  info.input_components = 3;
+  info.in_color_space = JCS_RGB;
+  jpeg_set_defaults(&info);
+  jpeg_set_quality(&info, quality, TRUE);
+  jpeg_start_compress(&info, TRUE);
+  row = static_cast<unsigned char*>(std::malloc(static_cast<std::size_t>(width) * 3));
+  const unsigned char* pixels = cairo_image_surface_get_data(s);
+  const int stride = cairo_image_surface_get_stride(s);
+  while (info.next_scanline < info.image_height) {
+    const auto* in = reinterpret_cast<const std::uint32_t*>(
+        pixels + static_cast<int>(info.next_scanline) * stride);
+    for (int x = 0; x < width; ++x) {
+      const std::uint32_t p = opaque ? (in[x] | 0xFF000000u) : in[x];
+      const std::uint32_t white = 255 - (p >> 24);  // premultiplied colour over white
+      row[3 * x] = static_cast<unsigned char>(((p >> 16) & 0xFF) + white);
+      row[3 * x + 1] = static_cast<unsigned char>(((p >> 8) & 0xFF) + white);
+      row[3 * x + 2] = static_cast<unsigned char>((p & 0xFF) + white);
+    }
+    JSAMPROW rows[1] = {row};
+    jpeg_write_scanlines(&info, rows, 1);
+  }
+  jpeg_finish_compress(&info);
+  out.assign(reinterpret_cast<const char*>(target), size);
+  jpeg_destroy_compress(&info);
+  std::free(target);
+  std::free(row);
+  return true;
+}
+
 }  // namespace
 
 // ---- Image
@@ -92,6 +219,21 @@ std::optional<Image> Image::fromPNG(std::string_view bytes) {
       std::make_shared<Surface>(cairo_image_surface_create_from_png_stream(readPNG, &cursor));
   if (cairo_surface_status(surface->surface) != CAIRO_STATUS_SUCCESS) return std::nullopt;
   return Image(std::move(surface), RenderingMode::automatic);
+}
+
+std::optional<Image> Image::fromJPEG(std::string_view bytes) {
+  if (bytes.size() < 3 || static_cast<unsigned char>(bytes[0]) != 0xFF ||
+      static_cast<unsigned char>(bytes[1]) != 0xD8)
+    return std::nullopt;
+  cairo_surface_t* surface =
+      decodeJPEG(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  if (!surface) return std::nullopt;
+  return Image(std::make_shared<Surface>(surface), RenderingMode::automatic);
+}
+
+std::optional<Image> Image::fromData(std::string_view bytes) {
+  if (bytes.starts_with("\x89PNG")) return fromPNG(bytes);
+  return fromJPEG(bytes);
 }
 
 bool Image::isEmpty() const {
@@ -145,6 +287,18 @@ Color Image::pixel(int x, int y) const {
 std::optional<std::string> Image::pngData() const {
   if (isEmpty()) return std::nullopt;
   return encodePNG(surface_->surface);
+}
+
+std::optional<std::string> Image::jpegData(double quality) const {
+  if (isEmpty()) return std::nullopt;
+  cairo_surface_t* s = surface_->surface;
+  cairo_surface_flush(s);
+  const auto format = cairo_image_surface_get_format(s);
+  if (format != CAIRO_FORMAT_ARGB32 && format != CAIRO_FORMAT_RGB24) return std::nullopt;
+  std::string out;
+  const int q = static_cast<int>(std::lround(std::clamp(quality, 0.0, 1.0) * 100));
+  if (!encodeJPEG(s, std::max(1, q), out)) return std::nullopt;
+  return out;
 }
 
 // ---- Canvas

@@ -38,6 +38,21 @@ TEST(Canvas, FillsSurviveThePNGRoundTrip) {
   EXPECT_FALSE(platform::Image().pngData());
 }
 
+TEST(Canvas, JPEGKeepsColoursClosely) {
+  platform::Canvas canvas({64, 32});
+  canvas.fill({0, 0, 32, 32}, {0.8, 0.2, 0.1, 1});
+  canvas.fill({32, 0, 32, 32}, {0, 0, 0, 0});  // transparent becomes white
+  const auto jpeg = canvas.image().jpegData(0.9);
+  ASSERT_TRUE(jpeg);
+  const auto decoded = platform::Image::fromData(*jpeg);
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->size(), (platform::Size{64, 32}));
+  expectColor(decoded->pixel(8, 16), {0.8, 0.2, 0.1, 1}, 0.04);
+  expectColor(decoded->pixel(56, 16), Color::white(), 0.04);
+  EXPECT_FALSE(platform::Image::fromJPEG("\xFF\xD8\xFF garbage"));
+  EXPECT_FALSE(platform::Image::fromData("GIF89a"));
+}
+
 TEST(Canvas, TextIsMeasuredInWholePointsAndDrawnInsideItsRect) {
   platform::Canvas canvas({200, 80});
   const auto font = platform::Font::system(40);
