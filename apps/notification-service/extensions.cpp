@@ -7,6 +7,9 @@
 #ifdef HOST_WITH_BASE
 #include "herald/notification_service_extension.hpp"
 #endif
+#ifdef HOST_WITH_RICH_PUSH
+#include "rich_push/rich_push_service.hpp"
+#endif
 
 namespace host {
 namespace {
@@ -20,6 +23,11 @@ constexpr ExtensionEntry kExtensions[] = {
 #ifdef HOST_WITH_BASE
     {"base", "reports the delivery to the payload's trackingUrl, then shows the content unchanged",
      make<herald::HeraldNotificationServiceExtension>},
+#endif
+#ifdef HOST_WITH_RICH_PUSH
+    {"rich-push",
+     "attaches the media named under \"rp\" -> \"att\"; shows other notifications unchanged",
+     make<rich_push::NotificationService>},
 #endif
     {"plain", "the platform's default: shows the content unchanged and reports nothing",
      make<platform::NotificationServiceExtension>},

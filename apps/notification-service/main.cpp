@@ -85,7 +85,8 @@ Output: one JSON line on standard output for every call of the content handler:
    "threadIdentifier", "categoryIdentifier", "userInfo",
    "attachments": [{"identifier", "url", "type", "options"}], "communication"}}
 N counts the calls from 1; MS is the time since didReceive was called; absent values are
-null. The host ends once the handler has been called and no work of the extension is still
+null. Whatever the extension prints itself goes to standard error, so standard output holds
+these lines only. The host ends once the handler has been called and no work of the extension is still
 running, or GRACE seconds after the deadline, whichever comes first.
 
 Exit status:
@@ -182,6 +183,7 @@ std::string readPayload(const std::string& path) {
 
 // Everything the content handler touches; shared with threads that may outlive a late call.
 struct Delivery {
+  std::FILE* out = stdout;
   std::mutex mutex;
   Clock::time_point start;
   int calls = 0;
@@ -196,7 +198,9 @@ struct Delivery {
     line["call"] = ++calls;
     line["elapsed_ms"] = elapsed;
     line["content"] = host::contentJSON(content);
-    std::cout << platform::toJSON(line) << std::endl;
+    const auto text = platform::toJSON(line) + "\n";
+    std::fwrite(text.data(), 1, text.size(), out);
+    std::fflush(out);
   }
 
   bool called() {
@@ -256,8 +260,17 @@ int run(const Options& options) {
     platform::SystemLog::routeToStandardError();
   }
 
-  std::shared_ptr<platform::NotificationServiceExtension> extension = options.extension->make();
   auto delivery = std::make_shared<Delivery>();
+  // Standard output carries the content lines only: what an extension prints itself (the
+  // rich-push service reports failed downloads there) goes to standard error instead.
+  if (const int lines = ::dup(STDOUT_FILENO); lines >= 0) {
+    if (std::FILE* out = ::fdopen(lines, "w")) {
+      std::fflush(stdout);
+      ::dup2(STDERR_FILENO, STDOUT_FILENO);
+      delivery->out = out;
+    }
+  }
+  std::shared_ptr<platform::NotificationServiceExtension> extension = options.extension->make();
   platform::ContentHandler handler = [delivery](const platform::NotificationContent& content) {
     delivery->deliver(content);
   };
@@ -288,6 +301,7 @@ int run(const Options& options) {
     delivery->closed = true;  // calls that come later are past the phone's patience
     calls = delivery->calls;
   }
+  std::fflush(delivery->out);
   std::cout.flush();
   if (calls == 0)
     std::cerr << kName << ": the content handler was never called (deadline "
