@@ -1,0 +1,57 @@
+#pragma once
+// Child processes and raw HTTP for the integration tests: the real programs from
+// HERALD_BIN_DIR, run with bounded waits.
+
+#include <sys/types.h>
+
+#include <boost/json/array.hpp>
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace integration {
+
+using namespace std::chrono_literals;
+
+/// HERALD_BIN_DIR/name
+std::string program(const std::string& name);
+
+struct Finished {
+  int exitCode = -1;  ///< -1 when the process was killed at the time limit or by a signal
+  std::string out;
+  std::string err;
+};
+
+/// Runs argv to its end (killing it after `limit`), feeding `input` to its standard input.
+Finished run(const std::vector<std::string>& argv, const std::string& input = {},
+             std::chrono::milliseconds limit = 30s);
+
+/// Non-empty lines of a text.
+std::vector<std::string> lines(const std::string& text);
+
+/// herald-sandbox running in the background for the life of the object.
+class Sandbox {
+ public:
+  explicit Sandbox(const std::vector<std::string>& extraArgs = {});
+  ~Sandbox();
+  Sandbox(const Sandbox&) = delete;
+  Sandbox& operator=(const Sandbox&) = delete;
+
+  const std::string& url() const { return url_; }
+  int port() const;
+  /// The requests it received, from GET /_sandbox/requests.
+  boost::json::array journal() const;
+  /// Sends SIGTERM and returns the exit status (-1 if it had to be killed).
+  int stop();
+
+ private:
+  pid_t pid_ = -1;
+  std::string url_;
+};
+
+/// Sends `request` as written to 127.0.0.1:port and returns every byte received until the
+/// server closes the connection (bounded by `limit`).
+std::string rawExchange(int port, const std::string& request,
+                        std::chrono::milliseconds limit = 10s);
+
+}  // namespace integration
