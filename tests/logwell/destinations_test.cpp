@@ -1,0 +1,254 @@
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+
+#include "logwell/logwell.hpp"
+#include "platform/json.hpp"
+#include "platform/paths.hpp"
+#include "platform/system_log.hpp"
+#include "support.hpp"
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+using logwell::Level;
+
+namespace {
+
+struct TempDir {
+  fs::path path = fs::temp_directory_path() / ("logwell-test-" + platform::newUUID());
+  TempDir() { fs::create_directories(path); }
+  ~TempDir() { fs::remove_all(path); }
+};
+
+std::vector<std::string> linesOf(const fs::path& file) {
+  std::ifstream in(file);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+std::set<std::string> namesIn(const fs::path& dir) {
+  std::set<std::string> names;
+  for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
+  return names;
+}
+
+void send(logwell::BaseDestination& d, std::string_view msg, Level level = Level::info) {
+  d.send(level, msg, "", "/a/b.cpp", "f()", 1);
+}
+
+using Lines = std::vector<std::string>;
+
+}  // namespace
+
+TEST(FileDestination, RotatesBySizeKeepingTheConfiguredNumberOfFiles) {
+  TempDir dir;
+  logwell::FileDestination d(platform::fileURL(dir.path / "app.log"));
+  d.format = "$M";
+  d.logFileAmount = 3;
+  d.logFileMaxSize = 10;
+  for (auto m : {"aaaa", "bbbb", "cccc"}) send(d, m);  // exactly 10 bytes is not too large
+  EXPECT_EQ(linesOf(dir.path / "app.log"), (Lines{"aaaa", "bbbb", "cccc"}));
+  for (auto m : {"dddd", "eeeeeeeee", "ffff", "gggg", "hhhhhhhhh", "iiii"}) send(d, m);
+
+  EXPECT_EQ(namesIn(dir.path), (std::set<std::string>{"app.log", "app.1.log", "app.2.log"}));
+  EXPECT_EQ(linesOf(dir.path / "app.2.log"), (Lines{"dddd", "eeeeeeeee"}));
+  EXPECT_EQ(linesOf(dir.path / "app.1.log"), (Lines{"ffff", "gggg", "hhhhhhhhh"}));
+  EXPECT_EQ(linesOf(dir.path / "app.log"), (Lines{"iiii"}));
+}
+
+TEST(FileDestination, ANameWithoutExtensionAndTheOneByteOverTheLimit) {
+  TempDir dir;
+  logwell::FileDestination d(platform::fileURL(dir.path / "app"));
+  d.format = "$M";
+  d.logFileAmount = 2;
+  d.logFileMaxSize = 10;
+  send(d, "123456789");
+  send(d, "a");  // the file held exactly 10 bytes
+  EXPECT_EQ(namesIn(dir.path), std::set<std::string>{"app"});
+  d.logFileMaxSize = 11;  // the file now holds 12
+  send(d, "b");
+  EXPECT_EQ(namesIn(dir.path), (std::set<std::string>{"app", "app.1."}));
+  EXPECT_EQ(linesOf(dir.path / "app.1."), (Lines{"123456789", "a"}));
+  EXPECT_EQ(linesOf(dir.path / "app"), Lines{"b"});
+}
+
+TEST(FileDestination, DefaultAmountNeverRotatesAndNewFilesArePrivate) {
+  TempDir dir;
+  const auto path = dir.path / "nested" / "deeper" / "app.log";
+  logwell::FileDestination d(path.string());
+  d.format = "$M";
+  d.logFileMaxSize = 1;
+  for (auto m : {"one", "two", "three"}) send(d, m);
+  EXPECT_EQ(linesOf(path), (Lines{"one", "two", "three"}));
+  EXPECT_EQ(namesIn(path.parent_path()).size(), 1u);
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+  EXPECT_TRUE(d.deleteLogFile());
+  EXPECT_FALSE(fs::exists(path));
+  EXPECT_TRUE(d.deleteLogFile());  // nothing to delete
+}
+
+TEST(FileDestination, DefaultsToTheCachesDirectoryAndReportsFailedWrites) {
+  TempDir dir;
+  const char* old = std::getenv("XDG_CACHE_HOME");
+  const std::string saved = old ? old : "";
+  ::setenv("XDG_CACHE_HOME", dir.path.c_str(), 1);
+  logwell::FileDestination cached;
+  old ? ::setenv("XDG_CACHE_HOME", saved.c_str(), 1) : ::unsetenv("XDG_CACHE_HOME");
+  EXPECT_EQ(cached.logFileURL, platform::fileURL(dir.path / "logwell.log"));
+
+  const std::string url = platform::fileURL(dir.path);  // a directory cannot be appended to
+  logwell::FileDestination broken(url);
+  broken.format = "$M";
+  logwell_test::CaptureStream out(stdout);
+  EXPECT_EQ(broken.send(Level::info, "lost", "", "", "", 1), "lost");
+  EXPECT_EQ(out.text(), "Logwell File Destination could not write to file " + url + ".\n");
+}
+
+TEST(FileDestination, ColouredFilesLeaveCriticalAndFaultUncoloured) {
+  TempDir dir;
+  logwell::FileDestination d(platform::fileURL(dir.path / "c.log"));
+  d.format = "$C$L$c";
+  d.setColored(true);
+  for (auto level : {Level::error, Level::critical, Level::fault}) send(d, "", level);
+  d.setColored(false);
+  send(d, "", Level::error);
+  EXPECT_EQ(linesOf(dir.path / "c.log"),
+            (Lines{"\x1b[38;5;197mERROR\x1b[0m", "\x1b[38;5;CRITICAL\x1b[0m",
+                   "\x1b[38;5;FAULT\x1b[0m", "ERROR"}));
+}
+
+// Run as a child process by the test below: appends numbered lines to the file it is given.
+TEST(FileDestination, ChildWriter) {
+  const char* file = std::getenv("LOGWELL_CHILD_FILE");
+  if (!file) GTEST_SKIP() << "only runs as the child of AppendsFromTwoProcesses";
+  logwell::FileDestination d(std::string{file});
+  d.format = "$M";
+  const std::string tag = std::getenv("LOGWELL_CHILD_TAG");
+  const std::string padding(200, tag[0]);
+  for (int i = 0; i < 1000; ++i) send(d, tag + " " + std::to_string(i) + " " + padding);
+}
+
+TEST(FileDestination, AppendsFromTwoProcessesWithoutLosingOrMixingLines) {
+  TempDir dir;
+  const auto file = (dir.path / "shared.log").string();
+  std::vector<pid_t> children;
+  for (std::string tag : {"A", "B"}) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) env.emplace_back(*e);
+    env.push_back("LOGWELL_CHILD_FILE=" + file);
+    env.push_back("LOGWELL_CHILD_TAG=" + tag);
+    std::vector<char*> envp, argv;
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::string self = "/proc/self/exe", filter = "--gtest_filter=FileDestination.ChildWriter";
+    argv = {self.data(), filter.data(), nullptr};
+    pid_t pid = 0;
+    ASSERT_EQ(::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    const bool ended =
+        logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
+    if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
+    ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+
+  const std::regex shape(R"(([AB]) (\d+) (A{200}|B{200}))");
+  std::map<std::string, std::vector<int>> seen;
+  for (const auto& line : linesOf(file)) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(line, m, shape)) << line.substr(0, 40);
+    ASSERT_EQ(m[3].str()[0], m[1].str()[0]);
+    seen[m[1]].push_back(std::stoi(m[2]));
+  }
+  std::vector<int> expected(1000);
+  for (int i = 0; i < 1000; ++i) expected[i] = i;
+  EXPECT_EQ(seen["A"], expected);
+  EXPECT_EQ(seen["B"], expected);
+}
+
+TEST(ConsoleDestination, ColourSchemesAndPrintWays) {
+  logwell::ConsoleDestination d;
+  d.format = "$C$L$c $M";
+  EXPECT_EQ(*d.send(Level::debug, "x", "", "", "", 1), "\xF0\x9F\x92\x9A DEBUG x");
+  EXPECT_EQ(*d.send(Level::fault, "x", "", "", "", 1), "\xE2\x9D\xA4\xEF\xB8\x8F FAULT x");
+  d.setUseTerminalColors(true);
+  EXPECT_EQ(*d.send(Level::warning, "x", "", "", "", 1), "\x1b[38;5;178mWARNING\x1b[0m x");
+  d.setUseTerminalColors(false);  // back to emoji, escape and reset stay
+  EXPECT_EQ(*d.send(Level::info, "x", "", "", "", 1), "\x1b[38;5;\xF0\x9F\x92\x99 INFO\x1b[0m x");
+
+  logwell::ConsoleDestination plain;
+  plain.format = "$M";
+  logwell_test::CaptureStream out(stdout);
+  logwell_test::CaptureStream err(stderr);
+  plain.send(Level::info, "to stdout", "", "", "", 1);
+  plain.setUseNSLog(true);
+  plain.setUseNSLog(false);  // stays on nslog
+  plain.send(Level::info, "to nslog", "", "", "", 1);
+  plain.logPrintWay = logwell::ConsoleDestination::LogPrintWay::print();
+  plain.output = stderr;
+  plain.send(Level::info, "to stderr", "", "", "", 1);
+  EXPECT_EQ(out.text(), "to stdout\n");
+  EXPECT_TRUE(
+      std::regex_match(err.text(), std::regex(R"(\S+ \S+ \S+\[\d+\] to nslog\nto stderr\n)")));
+}
+
+TEST(ConsoleDestination, LoggerWayMapsLevelsToSystemLogTypes) {
+  platform::CapturedLog captured;
+  logwell::ConsoleDestination d;
+  d.format = "$M";
+  d.logPrintWay = logwell::ConsoleDestination::LogPrintWay::logger("com.app", "push");
+  for (int i = 0; i <= 6; ++i) d.send(static_cast<Level>(i), std::to_string(i), "", "", "", 1);
+  std::string types;
+  for (const auto& r : captured.records()) {
+    EXPECT_EQ(r.subsystem + "/" + r.category, "com.app/push");
+    types += std::string(platform::toString(r.type)) + " ";
+  }
+  EXPECT_EQ(types, "debug debug info error error fault fault ");
+}
+
+TEST(CloudLogDestination, WritesTheStructuredShapeOrTheFallback) {
+  logwell::CloudLogDestination d("svc");
+  d.setAsynchronously(true);
+  EXPECT_FALSE(d.asynchronously());
+  logwell_test::CaptureStream out(stdout);
+  const logwell::Context context{{"user", "ada"}, {"httpRequest", {{"status", 500}}}, {"other", 1}};
+  auto line = d.send(Level::error, "upload failed", "t", "/src/a.cpp", "run()", 12, context);
+  EXPECT_EQ(
+      *line,
+      R"j({"context":{"reportLocation":{"filePath":"/src/a.cpp","lineNumber":12,)j"
+      R"j("functionName":"run()"},"httpRequest":{"status":500},"user":"ada"},)j"
+      R"j("serviceContext":{"service":"svc"},"message":"upload failed","severity":"ERROR"})j");
+  auto plain = d.send(Level::verbose, "m", "", "f", "g", 1, std::string("just text"));
+  EXPECT_EQ(*plain,
+            R"j({"context":{"reportLocation":{"filePath":"f","lineNumber":1,"functionName":"g"}},)j"
+            R"j("serviceContext":{"service":"svc"},"message":"m","severity":"DEBUG"})j");
+  auto fallback = d.send(Level::info, "bad \xFF", "", "/a.cpp", "f()", 3);
+  EXPECT_EQ(*fallback,
+            R"j({"context":{"reportLocation":{"filePath": "/a.cpp","functionName":"f()",)j"
+            R"j("lineNumber":3},"severity":"CRITICAL","message":"Error encoding JSON log entry. )j"
+            R"j(You may be losing log messages!"})j");
+  EXPECT_EQ(out.text(), *line + "\n" + *plain + "\n" + *fallback + "\n");
+
+  std::string severities;
+  for (auto level : {Level::info, Level::warning, Level::critical, Level::fault}) {
+    logwell_test::CaptureStream quiet(stdout);
+    severities +=
+        platform::parseJSON(*d.send(level, "m", "", "", "", 1)).at("severity").as_string().c_str() +
+        std::string(" ");
+  }
+  EXPECT_EQ(severities, "INFO WARNING CRITICAL FAULT ");
+}
