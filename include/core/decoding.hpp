@@ -44,7 +44,8 @@ class DecodingError : public std::exception {
   const std::string& codingPath() const noexcept { return codingPath_; }
   /// What went wrong there: "expected a 64-bit integer, found a string".
   const std::string& detail() const noexcept { return detail_; }
-  /// `"<path>": <detail>`, or `top level: <detail>` when the path is empty.
+  /// `"<path>": <detail>`; at the top level `top level: <detail>`, or the bare detail for
+  /// `dataCorrupted`.
   const char* what() const noexcept override { return message_.c_str(); }
 
  private:
@@ -162,13 +163,10 @@ struct Decodable<std::vector<T>> {
     }
     std::vector<T> out;
     out.reserve(array->size());
+    // A null element reaches the element's decoder, which refuses it (or, for a failable
+    // element, keeps the failure).
     for (std::size_t i = 0; i < array->size(); ++i) {
-      const auto& element = (*array)[i];
-      if (element.is_null()) {
-        throw DecodingError(DecodingError::Kind::valueNotFound, appendCodingIndex(path, i),
-                            "expected " + std::string(Decodable<T>::expected) + ", found null");
-      }
-      out.push_back(Decodable<T>::decode(element, appendCodingIndex(path, i)));
+      out.push_back(Decodable<T>::decode((*array)[i], appendCodingIndex(path, i)));
     }
     return out;
   }

@@ -242,8 +242,10 @@ class KelvaraError : public std::exception {
     couldNotFetchTeam = 30016,
     couldNotSignIn = 30017,
     couldNotSignOut = 30018,
-    couldNotDecodeDeeplink = 30019,
-    couldNotDecodeNotificationMessage = 30020,
+    // 30019 is the payload decoding failure and 30020 the deep-link one; both numbers are
+    // already reported, so keep them even if the cases are ever reordered.
+    couldNotDecodeNotificationMessage = 30019,
+    couldNotDecodeDeeplink = 30020,
     missingInvitationID = 30021,
     couldNotTrackDeletion = 30022,
     unsupportedFileExtension = 30023,

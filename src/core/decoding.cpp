@@ -17,7 +17,11 @@ namespace {
 
 DecodingError::DecodingError(Kind kind, std::string codingPath, std::string detail)
     : kind_(kind), codingPath_(std::move(codingPath)), detail_(std::move(detail)) {
-  message_ = codingPath_.empty() ? "top level: " + detail_ : '"' + codingPath_ + "\": " + detail_;
+  if (!codingPath_.empty()) {
+    message_ = '"' + codingPath_ + "\": " + detail_;
+  } else {
+    message_ = kind_ == Kind::dataCorrupted ? detail_ : "top level: " + detail_;
+  }
 }
 
 std::string describeJSONKind(const boost::json::value& value) {

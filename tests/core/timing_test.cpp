@@ -1,0 +1,154 @@
+#include "core/timing.hpp"
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/steady_timer.hpp>
+#include <future>
+#include <vector>
+
+#include "core/task_timeout.hpp"
+#include "platform/main_queue.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+namespace asio = boost::asio;
+
+platform::MainQueue& mainQueue() {
+  return platform::MainQueue::shared();
+}
+
+TEST(DebouncerTest, OnlyTheLastCallOfABurstRuns) {
+  core::Debouncer debouncer(0.05);
+  std::vector<int> ran;
+  for (int i = 0; i < 5; ++i) {
+    mainQueue().postAfter(std::chrono::milliseconds(10 * i),
+                          [&, i] { debouncer.debounce([&, i] { ran.push_back(i); }); });
+  }
+  ASSERT_TRUE(mainQueue().runUntil([&] { return !ran.empty(); }, 5s));
+  mainQueue().runFor(150ms);
+  EXPECT_EQ(ran, std::vector<int>{4});
+
+  // Even without delay the action runs later on the main queue, never inside the call.
+  core::Debouncer immediate(0);
+  bool onMain = false, ranNow = false;
+  immediate.debounce([&] {
+    ranNow = true;
+    onMain = mainQueue().isMainThread();
+  });
+  EXPECT_FALSE(ranNow);
+  ASSERT_TRUE(mainQueue().runUntil([&] { return ranNow; }, 5s));
+  EXPECT_TRUE(onMain);
+}
+
+TEST(ThrottlerTest, RunsAtTheLeadingEdgeAndDropsTheRest) {
+  core::Throttler throttler(0.05);
+  std::vector<int> ran;
+  throttler.throttle([&] { ran.push_back(1); });
+  throttler.throttle([&] { ran.push_back(2); });
+  EXPECT_EQ(ran, std::vector<int>{1});
+  ASSERT_TRUE(mainQueue().runUntil([&] { return throttler.canExecute(); }, 5s));
+  EXPECT_EQ(ran, std::vector<int>{1});  // the dropped call never comes back
+  throttler.throttle([&] { ran.push_back(3); });
+  EXPECT_EQ(ran, (std::vector<int>{1, 3}));
+
+  // A throttler that is gone leaves a re-arm behind that must do nothing.
+  {
+    core::Throttler(0.01).throttle([] {});
+  }
+  mainQueue().runFor(50ms);
+}
+
+TEST(TimeUnitsTest, ConvertsAndStopsOnOverflow) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the shared executor may have threads
+  EXPECT_EQ(core::TimePeriod::weeks(1).timeInterval(), 604800.0);
+  EXPECT_EQ(core::TimePeriod::hours(-2).timeInterval(), -7200.0);
+  EXPECT_EQ(core::day(3), 259200.0);
+  EXPECT_EQ(core::second(INT64_MAX), static_cast<double>(INT64_MAX));
+  EXPECT_DEATH(core::minute(INT64_MAX), "overflows");
+  EXPECT_DEATH(core::TimePeriod::weeks(INT64_MAX / 604800 + 1).timeInterval(), "overflows");
+}
+
+// The wrapped task: waits on a timer until it is cancelled or `wait` has passed, and reports
+// how it ended.
+asio::awaitable<int> sleeper(std::chrono::steady_clock::duration wait,
+                             std::shared_ptr<std::promise<std::string>> ended) {
+  asio::steady_timer timer(co_await asio::this_coro::executor, wait);
+  try {
+    co_await timer.async_wait(asio::use_awaitable);
+  } catch (const boost::system::system_error&) {
+    ended->set_value("cancelled");
+    throw;
+  }
+  ended->set_value("finished");
+  co_return 42;
+}
+
+asio::awaitable<int> failing() {
+  throw std::runtime_error("boom");
+  co_return 0;
+}
+
+template <class T>
+T waitBounded(std::future<T>& future) {
+  if (future.wait_for(20s) != std::future_status::ready) throw std::runtime_error("no result");
+  return future.get();
+}
+
+TEST(TaskTimeoutTest, TheTaskWinsAndTheTimerStops) {
+  auto ended = std::make_shared<std::promise<std::string>>();
+  auto task = core::Task<int>::spawn(sleeper(0s, ended));
+  // A timer left running for an hour would keep this from completing.
+  auto value = asio::co_spawn(platform::sharedExecutor(), task.value(1h), asio::use_future);
+  EXPECT_EQ(waitBounded(value), 42);
+
+  auto failed = core::Task<int>::spawn(failing());
+  auto result = asio::co_spawn(platform::sharedExecutor(), failed.result(1h), asio::use_future);
+  auto outcome = waitBounded(result);
+  ASSERT_FALSE(outcome.isSuccess());
+  EXPECT_THROW(outcome.get(), std::runtime_error);
+}
+
+TEST(TaskTimeoutTest, TheClockWinsAndTheTaskKeepsRunning) {
+  auto ended = std::make_shared<std::promise<std::string>>();
+  auto endedFuture = ended->get_future();
+  auto task = core::Task<int>::spawn(sleeper(1h, ended));
+  auto value = asio::co_spawn(platform::sharedExecutor(), task.value(20ms), asio::use_future);
+  EXPECT_THROW(waitBounded(value), core::TimeoutError);
+  EXPECT_FALSE(task.isFinished());
+  EXPECT_EQ(endedFuture.wait_for(0s), std::future_status::timeout);
+
+  auto result = asio::co_spawn(platform::sharedExecutor(), task.result(20ms), asio::use_future);
+  auto outcome = waitBounded(result);
+  EXPECT_THROW(outcome.get(), core::TimeoutError);
+
+  task.cancel();
+  EXPECT_EQ(waitBounded(endedFuture), "cancelled");
+}
+
+TEST(TaskTimeoutTest, CancellingTheCallerCancelsTheTask) {
+  auto ended = std::make_shared<std::promise<std::string>>();
+  auto endedFuture = ended->get_future();
+  auto task = core::Task<int>::spawn(sleeper(1h, ended));
+
+  auto strand = asio::make_strand(platform::sharedExecutor());
+  asio::cancellation_signal signal;
+  std::promise<std::exception_ptr> callerEnded;
+  asio::co_spawn(strand, task.value(1h),
+                 asio::bind_cancellation_slot(
+                     signal.slot(), [&](std::exception_ptr e, int) { callerEnded.set_value(e); }));
+  asio::post(strand, [&] { signal.emit(asio::cancellation_type::terminal); });
+
+  auto callerFuture = callerEnded.get_future();
+  auto error = waitBounded(callerFuture);
+  EXPECT_EQ(waitBounded(endedFuture), "cancelled");
+  try {
+    std::rethrow_exception(error);
+  } catch (const boost::system::system_error& e) {
+    EXPECT_EQ(e.code(), asio::error::operation_aborted);
+  } catch (...) {
+    ADD_FAILURE() << "the caller ended without the cancellation error";
+  }
+}
+
+}  // namespace
