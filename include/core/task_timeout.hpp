@@ -235,10 +235,16 @@ class Task {
     return state_->result.has_value();
   }
 
-  /// Waits for the task without a limit; rethrows its error.
+  /// Waits for the task without a limit; rethrows its error. Cancelling the caller cancels
+  /// the task.
   boost::asio::awaitable<T> value() const {
     auto state = state_;
-    co_await State::asyncWait(state, boost::asio::use_awaitable);
+    try {
+      co_await State::asyncWait(state, boost::asio::use_awaitable);
+    } catch (...) {
+      cancel();  // the caller was cancelled, and the task goes with it
+      throw;
+    }
     co_return state->takeResult().get();
   }
 
