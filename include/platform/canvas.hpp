@@ -119,6 +119,10 @@ class Canvas {
   /// ellipse inscribed in `rect`.
   void drawImage(const Image& image, Rect rect, bool circular = false);
 
+  /// Draws `image` scaled to cover `rect` (keeping its aspect ratio, centred, the overflow cut
+  /// off) and clipped to `rect` with rounded corners; a radius of half the side makes a circle.
+  void drawImageAspectFill(const Image& image, Rect rect, double cornerRadius = 0);
+
   /// A snapshot of what has been drawn so far.
   Image image() const;
   /// PNG bytes of what has been drawn so far; none when encoding fails.

@@ -389,6 +389,23 @@ void Canvas::drawImage(const Image& image, Rect rect, bool circular) {
   cairo_restore(cr);
 }
 
+void Canvas::drawImageAspectFill(const Image& image, Rect rect, double cornerRadius) {
+  if (image.isEmpty() || rect.width <= 0 || rect.height <= 0) return;
+  cairo_t* cr = state_->cr;
+  const auto s = image.size();
+  const double scale = std::max(rect.width / s.width, rect.height / s.height);
+  cairo_save(cr);
+  roundedRectPath(cr, rect, cornerRadius);
+  cairo_clip(cr);
+  cairo_translate(cr, rect.x + (rect.width - s.width * scale) / 2,
+                  rect.y + (rect.height - s.height * scale) / 2);
+  cairo_scale(cr, scale, scale);
+  cairo_set_source_surface(cr, image.surface_->surface, 0, 0);
+  cairo_pattern_set_extend(cairo_get_source(cr), CAIRO_EXTEND_PAD);
+  cairo_paint(cr);
+  cairo_restore(cr);
+}
+
 Image Canvas::image() const {
   cairo_surface_flush(state_->surface);
   auto copy = std::make_shared<Image::Surface>(
