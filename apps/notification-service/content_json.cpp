@@ -1,6 +1,10 @@
 #include "content_json.hpp"
 
 #include <boost/json/array.hpp>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/paths.hpp"
 
 namespace host {
 namespace {
@@ -9,6 +13,32 @@ template <class T>
 boost::json::value orNull(const std::optional<T>& value) {
   if (!value) return nullptr;
   return boost::json::value(*value);
+}
+
+// A drawn picture is written once, named by its digest, beside the attachment files, so
+// that a person can open it; the JSON line carries its path.
+std::string writeSenderPNG(const std::string& png) {
+  const auto dir = platform::temporaryDirectory() / platform::processGloballyUniqueString();
+  const auto file = dir / ("sender-" + platform::sha256Hex(png).substr(0, 16) + ".png");
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  if (!std::filesystem::exists(file, ec)) {
+    std::ofstream out(file, std::ios::binary);
+    out.write(png.data(), static_cast<std::streamsize>(png.size()));
+    if (!out.flush()) return "(not written: " + file.string() + ")";
+  }
+  return file.string();
+}
+
+boost::json::value communicationJSON(const std::optional<platform::CommunicationSender>& c) {
+  if (!c) return nullptr;
+  boost::json::value image = nullptr;
+  if (c->imageURL)
+    image = boost::json::object{{"url", *c->imageURL}};
+  else if (c->imagePNG)
+    image = boost::json::object{{"png", writeSenderPNG(*c->imagePNG)}};
+  return boost::json::object{
+      {"sender", boost::json::object{{"displayName", orNull(c->displayName)}, {"image", image}}}};
 }
 
 }  // namespace
@@ -29,8 +59,7 @@ boost::json::object contentJSON(const platform::NotificationContent& content) {
   json["categoryIdentifier"] = orNull(content.categoryIdentifier);
   json["userInfo"] = content.userInfo;
   json["attachments"] = std::move(attachments);
-  // A plain content has no sender; a communication notification fills this in.
-  json["communication"] = nullptr;
+  json["communication"] = communicationJSON(content.communication);
   return json;
 }
 

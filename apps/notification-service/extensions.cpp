@@ -4,6 +4,9 @@
 // matching HOST_WITH_* macro. To add one: include its header under the macro, add one entry
 // below, and guard the link in CMakeLists.txt with if(TARGET ...). The first entry is the
 // default, so the most complete extension goes first.
+#ifdef HOST_WITH_SERVICE
+#include "herald_service/notification_service.hpp"
+#endif
 #ifdef HOST_WITH_BASE
 #include "herald/notification_service_extension.hpp"
 #endif
@@ -20,6 +23,12 @@ std::unique_ptr<platform::NotificationServiceExtension> make() {
 }
 
 constexpr ExtensionEntry kExtensions[] = {
+#ifdef HOST_WITH_SERVICE
+    {"service",
+     "the application's extension: rich push first; otherwise reports the delivery, shows the "
+     "sender's picture or initials and attaches the JPEG thumbnail",
+     make<herald_service::NotificationService>},
+#endif
 #ifdef HOST_WITH_BASE
     {"base", "reports the delivery to the payload's trackingUrl, then shows the content unchanged",
      make<herald::HeraldNotificationServiceExtension>},

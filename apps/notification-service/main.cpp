@@ -28,10 +28,12 @@
 #include "extensions.hpp"
 #include "payload.hpp"
 #include "platform/executor.hpp"
+#include "platform/intents.hpp"
 #include "platform/json.hpp"
 #include "platform/main_queue.hpp"
 #include "platform/paths.hpp"
 #include "platform/system_log.hpp"
+#include "preview.hpp"
 
 namespace {
 
@@ -42,6 +44,8 @@ constexpr int kExitBadInput = 2;
 constexpr int kExitNeverDelivered = 3;
 
 constexpr const char* kName = "notification-service";
+// The application's name as the phone prints it above its notifications.
+constexpr const char* kAppLabel = "KELVARA";
 
 struct Options {
   std::string payloadPath;
@@ -50,6 +54,7 @@ struct Options {
   double graceSeconds = 2;
   bool verbose = false;
   bool copyable = true;
+  std::optional<std::string> previewPath;
 };
 
 void printHelp() {
@@ -77,15 +82,21 @@ Options:
                      (default 30; fractions allowed)
   --grace SECONDS    how long to wait after the deadline for work still running (default 2)
   --no-mutable-copy  hand over a content that cannot be copied into a mutable one
+  --preview FILE.png draw the last content delivered as the phone's lock screen would show
+                     it (app name, sender avatar, texts, thumbnail) and write it as a PNG
   --verbose          write the system log to standard error
   --help             show this text
 
 Output: one JSON line on standard output for every call of the content handler:
   {"call": N, "elapsed_ms": MS, "content": {"title", "subtitle", "body", "badge", "sound",
    "threadIdentifier", "categoryIdentifier", "userInfo",
-   "attachments": [{"identifier", "url", "type", "options"}], "communication"}}
+   "attachments": [{"identifier", "url", "type", "options"}], "communication"},
+   "donatedInteractions": [{"direction", "intent", "sender"}]}
 N counts the calls from 1; MS is the time since didReceive was called; absent values are
-null. Whatever the extension prints itself goes to standard error, so standard output holds
+null. "communication" is null for a plain notification, else {"sender": {"displayName",
+"image"}} with "image" {"url": …} for a picture the phone loads itself, {"png": PATH} for a
+drawn one (written beside the attachments), or null. "donatedInteractions" lists what the
+extension donated so far. Whatever the extension prints itself goes to standard error, so standard output holds
 these lines only. The host ends once the handler has been called and no work of the extension is still
 running, or GRACE seconds after the deadline, whichever comes first.
 
@@ -150,6 +161,14 @@ std::optional<Options> parseOptions(int argc, char** argv) {
     } else if (arg == "--verbose") {
       noValue();
       options.verbose = true;
+    } else if (arg == "--preview") {
+      const std::filesystem::path file = value();
+      std::error_code ec;
+      const auto dir = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
+      if (file.filename().empty() || !std::filesystem::is_directory(dir, ec))
+        throw UsageError("--preview needs a file in an existing directory, not '" + file.string() +
+                         "'");
+      options.previewPath = file.string();
     } else if (arg == "--no-mutable-copy") {
       noValue();
       options.copyable = false;
@@ -188,6 +207,7 @@ struct Delivery {
   Clock::time_point start;
   int calls = 0;
   bool closed = false;
+  std::optional<platform::NotificationContent> last;  // for --preview
 
   void deliver(const platform::NotificationContent& content) {
     std::lock_guard lock(mutex);
@@ -198,6 +218,11 @@ struct Delivery {
     line["call"] = ++calls;
     line["elapsed_ms"] = elapsed;
     line["content"] = host::contentJSON(content);
+    boost::json::array donated;
+    for (const auto& interaction : platform::donatedInteractions())
+      donated.push_back(platform::describe(interaction));
+    line["donatedInteractions"] = std::move(donated);
+    last = content;
     const auto text = platform::toJSON(line) + "\n";
     std::fwrite(text.data(), 1, text.size(), out);
     std::fflush(out);
@@ -300,6 +325,13 @@ int run(const Options& options) {
     std::lock_guard lock(delivery->mutex);
     delivery->closed = true;  // calls that come later are past the phone's patience
     calls = delivery->calls;
+  }
+  if (options.previewPath && delivery->last) {
+    try {
+      host::drawPreview(*delivery->last, kAppLabel, *options.previewPath);
+    } catch (const std::exception& e) {
+      std::cerr << kName << ": " << e.what() << "\n";
+    }
   }
   std::fflush(delivery->out);
   std::cout.flush();
