@@ -116,6 +116,7 @@ struct URLSession::Loader : std::enable_shared_from_this<URLSession::Loader> {
   std::vector<std::function<void()>> commands;
   std::unordered_map<CURL*, std::shared_ptr<CurlTask>> running;
   std::atomic<bool> stopping{false};
+  bool closed = false;  // guarded by `mutex`
   std::thread thread;
 
   Loader() {
@@ -128,10 +129,10 @@ struct URLSession::Loader : std::enable_shared_from_this<URLSession::Loader> {
   }
 
   void send(std::function<void()> command) {
-    {
-      std::lock_guard lock(mutex);
-      commands.push_back(std::move(command));
-    }
+    std::lock_guard lock(mutex);
+    // Once the loop has ended nothing would run the command, and the multi handle is gone.
+    if (closed) return;
+    commands.push_back(std::move(command));
     curl_multi_wakeup(multi);
   }
 
@@ -377,6 +378,13 @@ void URLSession::Loader::loop() {
       if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
     }
     curl_multi_poll(multi, nullptr, 0, 200, nullptr);
+  }
+  // Commands never run hold the loader and their tasks; dropping them breaks that cycle.
+  std::vector<std::function<void()>> dropped;
+  {
+    std::lock_guard lock(mutex);
+    closed = true;
+    dropped.swap(commands);
   }
   for (auto& [easy, task] : running) curl_multi_remove_handle(multi, easy);
   running.clear();
