@@ -1,17 +1,19 @@
 #pragma once
 // Shared pieces of the rich-push tests: a private caches directory per test, a server whose
-// answers wait at a gate the test opens, and a bounded drain of the main queue.
+// answers wait at a gate the test opens, a bounded drain of the main queue, and a fixture
+// that hands rich pushes to the service and records what is delivered.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 
 #include "platform/main_queue.hpp"
+#include "rich_push/rich_push_service.hpp"
 #include "support/http_server.hpp"
 
 namespace rich_push_test {
@@ -40,39 +42,59 @@ class TempCachesTest : public ::testing::Test {
 class GatedServer {
  public:
   explicit GatedServer(testing_support::HttpServer::Handler handler)
-      : gate_(std::make_shared<Gate>()), server_([gate = gate_, handler](const auto& request) {
-          gate->wait();
+      : server_([opened = opened_, handler](const auto& request) {
+          opened.wait_for(10s);
           return handler(request);
         }) {}
-  ~GatedServer() { gate_->open(); }
+  ~GatedServer() { open(); }
 
-  void open() { gate_->open(); }
+  void open() {
+    std::call_once(once_, [this] { gate_.set_value(); });
+  }
   testing_support::HttpServer& server() { return server_; }
   std::string url(const std::string& path) const { return server_.baseURL() + path; }
 
  private:
-  struct Gate {
-    std::mutex mutex;
-    std::condition_variable opened;
-    bool isOpen = false;
-    void wait() {
-      std::unique_lock lock(mutex);
-      opened.wait_for(lock, 10s, [&] { return isOpen; });
-    }
-    void open() {
-      {
-        std::lock_guard lock(mutex);
-        isOpen = true;
-      }
-      opened.notify_all();
-    }
-  };
-  std::shared_ptr<Gate> gate_;
+  std::promise<void> gate_;
+  std::shared_future<void> opened_ = gate_.get_future().share();
+  std::once_flag once_;
   testing_support::HttpServer server_;
 };
 
 inline bool drainUntil(const std::function<bool()>& done) {
   return platform::MainQueue::shared().runUntil(done, 10s);
 }
+
+inline platform::NotificationRequest richPush(const std::string& url,
+                                              std::optional<std::string> type) {
+  platform::MutableNotificationContent content;
+  content.title = "New filters";
+  boost::json::object att{{"url", url}};
+  if (type) att["type"] = *type;
+  content.userInfo["rp"] = boost::json::object{{"att", att}};
+  return {"id-1", content.copy()};
+}
+
+class RichPushTest : public TempCachesTest {
+ protected:
+  // Handles `request`, waits for the handler and a little longer (a second call would show).
+  bool handle(const platform::NotificationRequest& request) {
+    const auto before = delivered.size();
+    const bool taken = rich_push::richPushHandle(
+        request, [this](const platform::NotificationContent& c) { delivered.push_back(c); },
+        client);
+    if (taken) {
+      EXPECT_TRUE(drainUntil([&] { return delivered.size() > before; }));
+    }
+    platform::MainQueue::shared().runFor(50ms);
+    return taken;
+  }
+
+  std::filesystem::path cacheFolder() const { return caches() / rich_push::kCacheFolderName; }
+
+  rich_push::AssetsClient client = rich_push::AssetsClient::live(rich_push::url_session::uncached(),
+                                                                 rich_push::mainQueue(), 300ms);
+  std::vector<platform::NotificationContent> delivered;
+};
 
 }  // namespace rich_push_test
