@@ -73,6 +73,11 @@ class NotificationServiceTest : public ::testing::Test {
     EXPECT_TRUE(platform::waitForIdle(10s));
     logwell::Logwell::removeDestination(log_);
   }
+  // The attachment files of every test share the process's directory.
+  static void TearDownTestSuite() {
+    std::filesystem::remove_all(platform::temporaryDirectory() /
+                                platform::processGloballyUniqueString());
+  }
 
   std::string url(const std::string& path) const { return server_.baseURL() + path; }
 
