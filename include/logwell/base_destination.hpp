@@ -34,8 +34,7 @@ class Logwell;
 
 namespace detail {
 class SerialQueue;
-class Entry;
-class EntryRef;
+struct Entry;
 struct FormatState;
 }  // namespace detail
 
@@ -161,7 +160,7 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
 
   void runSynchronously(const std::function<void()>& block);
   void deliver(const detail::Entry& entry);
-  void submit(const detail::EntryRef& entry);
+  void submit(const detail::Entry& entry);
   bool minLevelRejects(Level level) const {
     return filters.empty() && !debugPrint && rawValue(level) < rawValue(minLevel);
   }

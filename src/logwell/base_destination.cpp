@@ -103,18 +103,16 @@ std::string BaseDestination::takeLineBuffer() {
 }
 
 void BaseDestination::deliver(const detail::Entry& e) {
-  auto line = send(e.level, e.message, e.thread, e.file, e.function, e.line, e.context);
+  auto line = send(e.level, e.message, e.thread, e.file, e.function, e.line, *e.context);
   // Keep the buffer for the next line, unless one huge entry made it huge.
   if (line && line->capacity() <= 4096) spareLine_ = std::move(*line);
 }
 
-void BaseDestination::submit(const detail::EntryRef& entry) {
-  if (asynchronously()) {
+void BaseDestination::submit(const detail::Entry& entry) {
+  if (asynchronously())
     queue_->async(entry);
-  } else {
-    const detail::Entry& e = *entry;
-    queue_->sync([&] { deliver(e); });
-  }
+  else
+    queue_->sync([&] { deliver(entry); });
 }
 
 void BaseDestination::execute(bool synchronously, std::function<void()> block) {

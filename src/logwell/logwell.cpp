@@ -70,14 +70,32 @@ void update(Change change) {
   }
 }
 
-pid_t currentThreadId() {
-  thread_local const pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
-  return tid;
+// Asking the kernel costs a system call per entry; a thread's identity does not change,
+// except in the child of a fork, where the forking thread becomes the process's main one.
+struct ThreadIdentity {
+  pid_t tid = 0;
+  bool processMain = false;
+  bool known = false;
+};
+thread_local ThreadIdentity threadIdentity;
+
+const ThreadIdentity& currentThread() {
+  static const bool atforkInstalled = [] {
+    ::pthread_atfork(nullptr, nullptr, [] { threadIdentity.known = false; });
+    return true;
+  }();
+  (void)atforkInstalled;
+  if (!threadIdentity.known) {
+    threadIdentity.tid = static_cast<pid_t>(::syscall(SYS_gettid));
+    threadIdentity.processMain = threadIdentity.tid == ::getpid();
+    threadIdentity.known = true;
+  }
+  return threadIdentity;
 }
 
 const std::string& threadDescription() {
   thread_local const std::string description = [] {
-    std::string out = "Thread " + std::to_string(currentThreadId());
+    std::string out = "Thread " + std::to_string(currentThread().tid);
     char name[32] = {};
     char processName[32] = {};
     if (pthread_getname_np(pthread_self(), name, sizeof name) == 0 && name[0]) {
@@ -97,9 +115,27 @@ const std::string& threadDescription() {
 }
 
 std::string_view currentThreadName() {
-  if (currentThreadId() == ::getpid() || platform::MainQueue::shared().isMainThread()) return {};
+  if (currentThread().processMain || platform::MainQueue::shared().isMainThread()) return {};
   if (const auto* label = detail::SerialQueue::currentLabel()) return *label;
   return threadDescription();
+}
+
+// Most entries of a thread come from a few functions: remember the last one stripped.
+detail::StrippedFunction stripParameters(std::string_view function) {
+  struct Cache {
+    std::string input;
+    std::size_t offset = 0, length = 0;
+    bool parentheses = false;
+  };
+  thread_local Cache cache;
+  if (function != cache.input) {
+    const auto s = detail::stripFunctionParameters(function);
+    cache.input.assign(function);
+    cache.offset = static_cast<std::size_t>(s.base.data() - function.data());
+    cache.length = s.base.size();
+    cache.parentheses = s.addParentheses;
+  }
+  return {function.substr(cache.offset, cache.length), cache.parentheses};
 }
 
 }  // namespace
@@ -168,18 +204,30 @@ void Logwell::dispatch(Level level, detail::LazyMessage& message, std::string_vi
   } depth;
 
   const std::string_view thread = currentThreadName();
-  detail::EntryRef entry;
+  // The stripped function text, built once the first destination takes the entry.
+  char functionBuffer[160];
+  std::string functionStorage;
+  std::string_view stripped;
+  bool made = false;
   for (const auto& destination : set) {
     // Without filters the level alone decides: no need to make the message.
     if (destination->minLevelRejects(level)) continue;
     if (!destination->shouldLevelBeLogged(level, file, function, message.text())) continue;
-    if (!entry) {
-      const auto stripped = detail::stripFunctionParameters(function);
-      entry =
-          detail::EntryRef(detail::Entry::make(level, message.text(), thread, file, stripped.base,
-                                               stripped.addParentheses, line, std::move(context)));
+    if (!made) {
+      const auto s = stripParameters(function);
+      const std::size_t size = s.base.size() + (s.addParentheses ? 2 : 0);
+      char* out = functionBuffer;
+      if (size > sizeof functionBuffer) {
+        functionStorage.resize(size);
+        out = functionStorage.data();
+      }
+      std::copy(s.base.begin(), s.base.end(), out);
+      if (s.addParentheses) std::copy_n("()", 2, out + s.base.size());
+      stripped = std::string_view(out, size);
+      made = true;
     }
-    destination->submit(entry);
+    destination->submit(
+        detail::Entry{level, message.text(), thread, file, stripped, line, &context});
   }
 }
 

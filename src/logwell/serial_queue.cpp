@@ -2,12 +2,14 @@
 
 #include <pthread.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <utility>
 
 namespace logwell::detail {
 namespace {
+
 thread_local const void* currentQueue = nullptr;
 thread_local const std::string* currentQueueLabel = nullptr;
 
@@ -36,7 +38,6 @@ void reportEscapedException(const std::string& label) {
     std::fprintf(stderr, "%s: a block threw\n", label.c_str());
   }
 }
-}  // namespace
 
 // A synchronous caller waiting for its turn: the worker grants it and waits until done.
 struct Ticket {
@@ -44,11 +45,61 @@ struct Ticket {
   bool done = false;
 };
 
-struct SerialQueue::Job {
-  EntryRef entry;
+struct Job {
+  enum class Kind : unsigned char { entry, block, ticket };
+  Kind kind = Kind::entry;
+  Level level = Level::verbose;
+  int line = 0;
+  // message, thread, file and function, one after the other
+  std::string text;
+  std::uint32_t sizes[4] = {};
+  Context context;
   std::function<void()> block;
   Ticket* ticket = nullptr;
+
+  void fill(const Entry& e) {
+    kind = Kind::entry;
+    level = e.level;
+    line = e.line;
+    const std::string_view parts[4] = {e.message, e.thread, e.file, e.function};
+    text.clear();
+    for (int i = 0; i < 4; ++i) {
+      text.append(parts[i]);
+      sizes[i] = static_cast<std::uint32_t>(parts[i].size());
+    }
+    if (e.context->hasValue()) context = *e.context;
+  }
+
+  Entry view() const {
+    std::string_view rest = text;
+    std::string_view parts[4];
+    for (int i = 0; i < 4; ++i) {
+      parts[i] = rest.substr(0, sizes[i]);
+      rest.remove_prefix(sizes[i]);
+    }
+    return Entry{level, parts[0], parts[1], parts[2], parts[3], line, &context};
+  }
+
+  // Frees what the job held but keeps the text buffer for the next entry.
+  void recycle() {
+    if (context.hasValue()) context = Context();
+    if (block) block = nullptr;
+    ticket = nullptr;
+    if (text.capacity() > 2048) std::string().swap(text);
+  }
 };
+
+struct Slots {
+  std::vector<Job> jobs;
+  std::size_t count = 0;
+
+  Job& next() {
+    if (count == jobs.size()) jobs.emplace_back();
+    return jobs[count++];
+  }
+};
+
+}  // namespace
 
 struct SerialQueue::State {
   std::string label;
@@ -57,14 +108,34 @@ struct SerialQueue::State {
 
   std::mutex mutex;
   std::condition_variable workerCv;  // jobs arrived, or the queue was released
-  std::condition_variable waitCv;    // space, a ticket granted or done, the queue released
-  std::vector<Job> jobs;
+  std::condition_variable waitCv;    // space, a ticket granted or done
+  Slots pending;
   std::shared_ptr<void> keepAlive;
   bool busy = false;
   bool workerWaiting = false;
   std::size_t spaceWaiters = 0;
-  std::size_t syncWaiters = 0;
   bool stopping = false;
+
+  // Appends one job under the lock; `fill` writes it.
+  template <class Fill>
+  void push(Fill&& fill) {
+    std::unique_lock lock(mutex);
+    if (pending.count >= capacity && currentQueue != this) {
+      ++spaceWaiters;
+      waitCv.wait(lock, [&] { return pending.count < capacity; });
+      --spaceWaiters;
+    }
+    if (!keepAlive && retainer) {
+      lock.unlock();
+      auto retained = retainer();
+      lock.lock();
+      if (!keepAlive) keepAlive = std::move(retained);
+    }
+    fill(pending.next());
+    const bool wake = workerWaiting && !busy;
+    lock.unlock();
+    if (wake) workerCv.notify_one();
+  }
 };
 
 SerialQueue::SerialQueue(std::string label, EntryHandler handler, Retainer retainer)
@@ -72,7 +143,6 @@ SerialQueue::SerialQueue(std::string label, EntryHandler handler, Retainer retai
   state_->label = std::move(label);
   state_->handler = std::move(handler);
   state_->retainer = std::move(retainer);
-  state_->jobs.reserve(64);
   worker_ = std::thread([state = state_] { run(state); });
 }
 
@@ -97,33 +167,15 @@ const std::string* SerialQueue::currentLabel() noexcept {
   return currentQueueLabel;
 }
 
-void SerialQueue::async(EntryRef entry) {
-  push(Job{std::move(entry), {}, nullptr});
+void SerialQueue::async(const Entry& entry) {
+  state_->push([&](Job& job) { job.fill(entry); });
 }
 
 void SerialQueue::async(std::function<void()> block) {
-  push(Job{EntryRef(), std::move(block), nullptr});
-}
-
-void SerialQueue::push(Job&& job) {
-  State& s = *state_;
-  std::shared_ptr<void> retained;
-  std::unique_lock lock(s.mutex);
-  if (s.jobs.size() >= capacity && currentQueue != &s) {
-    ++s.spaceWaiters;
-    s.waitCv.wait(lock, [&] { return s.jobs.size() < capacity; });
-    --s.spaceWaiters;
-  }
-  if (!s.keepAlive && s.retainer) {
-    lock.unlock();
-    retained = s.retainer();
-    lock.lock();
-    if (!s.keepAlive) s.keepAlive = std::move(retained);
-  }
-  s.jobs.push_back(std::move(job));
-  const bool wake = s.workerWaiting && !s.busy;
-  lock.unlock();
-  if (wake) s.workerCv.notify_one();
+  state_->push([&](Job& job) {
+    job.kind = Job::Kind::block;
+    job.block = std::move(block);
+  });
 }
 
 void SerialQueue::sync(const std::function<void()>& block) {
@@ -132,17 +184,17 @@ void SerialQueue::sync(const std::function<void()>& block) {
     block();
     return;
   }
-  std::unique_lock lock(s.mutex);
   Ticket ticket;
-  const bool idle = s.jobs.empty() && !s.busy;
+  std::unique_lock lock(s.mutex);
+  const bool idle = s.pending.count == 0 && !s.busy;
   if (idle) {
     s.busy = true;
   } else {
-    s.jobs.push_back(Job{EntryRef(), {}, &ticket});
+    Job& job = s.pending.next();
+    job.kind = Job::Kind::ticket;
+    job.ticket = &ticket;
     if (s.workerWaiting && !s.busy) s.workerCv.notify_one();
-    ++s.syncWaiters;
     s.waitCv.wait(lock, [&] { return ticket.granted; });
-    --s.syncWaiters;
   }
   lock.unlock();
 
@@ -154,7 +206,7 @@ void SerialQueue::sync(const std::function<void()>& block) {
       std::unique_lock lock(s.mutex);
       if (idle) {
         s.busy = false;
-        const bool wake = !s.jobs.empty() && s.workerWaiting;
+        const bool wake = s.pending.count > 0 && s.workerWaiting;
         lock.unlock();
         if (wake) s.workerCv.notify_one();
       } else {
@@ -170,49 +222,53 @@ void SerialQueue::sync(const std::function<void()>& block) {
 
 void SerialQueue::run(const std::shared_ptr<State>& state) {
   State& s = *state;
-  {
-    // Thread names are limited to 15 bytes; the full label is the queue's.
-    pthread_setname_np(pthread_self(), "logwell-queue");
-  }
+  // Thread names are limited to 15 bytes; the full label is the queue's.
+  pthread_setname_np(pthread_self(), "logwell-queue");
   OnQueue on(&s, &s.label);
-  std::vector<Job> batch;
-  batch.reserve(64);
+  Slots batch;
   for (;;) {
     std::unique_lock lock(s.mutex);
-    while ((s.jobs.empty() || s.busy) && !(s.stopping && s.jobs.empty())) {
+    while ((s.pending.count == 0 || s.busy) && !(s.stopping && s.pending.count == 0)) {
       s.workerWaiting = true;
       s.workerCv.wait(lock);
       s.workerWaiting = false;
     }
-    if (s.jobs.empty()) break;  // stopping
-    batch.swap(s.jobs);
+    if (s.pending.count == 0) break;  // stopping
+    std::swap(batch, s.pending);
     s.busy = true;
     const bool wakeProducers = s.spaceWaiters > 0;
     lock.unlock();
     if (wakeProducers) s.waitCv.notify_all();
 
-    for (auto& job : batch) {
+    for (std::size_t i = 0; i < batch.count; ++i) {
+      Job& job = batch.jobs[i];
       try {
-        if (job.entry) {
-          s.handler(*job.entry);
-        } else if (job.block) {
-          job.block();
-        } else if (job.ticket) {
-          std::unique_lock l(s.mutex);
-          job.ticket->granted = true;
-          s.waitCv.notify_all();
-          s.waitCv.wait(l, [&] { return job.ticket->done; });
+        switch (job.kind) {
+          case Job::Kind::entry:
+            s.handler(job.view());
+            break;
+          case Job::Kind::block:
+            job.block();
+            break;
+          case Job::Kind::ticket: {
+            std::unique_lock l(s.mutex);
+            job.ticket->granted = true;
+            s.waitCv.notify_all();
+            s.waitCv.wait(l, [&] { return job.ticket->done; });
+            break;
+          }
         }
       } catch (...) {
         reportEscapedException(s.label);
       }
+      job.recycle();
     }
-    batch.clear();
+    batch.count = 0;
 
     std::shared_ptr<void> release;
     lock.lock();
     s.busy = false;
-    if (s.jobs.empty()) release = std::move(s.keepAlive);
+    if (s.pending.count == 0) release = std::move(s.keepAlive);
     lock.unlock();
     // May destroy the owner, and with it the queue handle (which then detaches us).
     release.reset();

@@ -218,11 +218,17 @@ StrippedFunction stripFunctionParameters(std::string_view f) {
   std::size_t open = std::string_view::npos;
   std::size_t operatorAt = std::string_view::npos;
   for (std::size_t i = 0; i < f.size();) {
-    if (f.compare(i, kAnonymous.size(), kAnonymous) == 0) {
+    const char c = f[i];
+    if (c != '(' && c != 'o' && c != '<' && c != '>') {
+      ++i;
+      continue;
+    }
+    if (c == '(' && f.compare(i, kAnonymous.size(), kAnonymous) == 0) {
       i += kAnonymous.size();
       continue;
     }
-    if (f.compare(i, kOperator.size(), kOperator) == 0 && (i == 0 || !isIdentifierChar(f[i - 1])) &&
+    if (c == 'o' && f.compare(i, kOperator.size(), kOperator) == 0 &&
+        (i == 0 || !isIdentifierChar(f[i - 1])) &&
         (i + kOperator.size() == f.size() || !isIdentifierChar(f[i + kOperator.size()]))) {
       // The operator's own symbol ("()", "<", "<<=", "[]") is part of the name.
       if (angle == 0) operatorAt = i;
@@ -237,7 +243,6 @@ StrippedFunction stripFunctionParameters(std::string_view f) {
       }
       continue;
     }
-    const char c = f[i];
     if (c == '<') {
       ++angle;
     } else if (c == '>' && angle > 0) {

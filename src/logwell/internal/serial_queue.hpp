@@ -2,6 +2,9 @@
 // A serial queue backed by one worker thread: jobs run one at a time, in submission order.
 // A synchronous job runs on the caller's thread while the queue is held, so that a caller
 // that waits anyway does not pay two thread switches.
+//
+// Queued entries are copied into slots that keep their buffers from one use to the next, so
+// that logging does not allocate once the queue has warmed up.
 
 #include <condition_variable>
 #include <cstddef>
@@ -30,7 +33,8 @@ class SerialQueue {
 
   const std::string& label() const;
 
-  void async(EntryRef entry);
+  /// Copies the entry (and its context) into the queue.
+  void async(const Entry& entry);
   void async(std::function<void()> block);
   /// Runs `block` on the calling thread once every job submitted before has run.
   void sync(const std::function<void()>& block);
@@ -39,15 +43,13 @@ class SerialQueue {
   static const std::string* currentLabel() noexcept;
 
   /// Jobs waiting beyond this make a producer wait for the worker.
-  static constexpr std::size_t capacity = 1 << 14;
+  static constexpr std::size_t capacity = 4096;
 
  private:
   struct State;
-  struct Job;
   std::shared_ptr<State> state_;
   std::thread worker_;
 
-  void push(Job&& job);
   static void run(const std::shared_ptr<State>& state);
 };
 
