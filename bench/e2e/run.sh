@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # End-to-end benchmark: one delivery through the host (base extension: report, then show)
-# against the local sandbox, beside a floor program that makes the same POST with libcurl
-# and nothing else. Reports the median start-to-exit time and the peak resident memory.
+# and one through the application's extension (initials avatar, 200 KB thumbnail), against
+# the local sandbox, each beside a floor program that does only the network part with
+# libcurl (the same POST; one GET of the thumbnail). Reports the median start-to-exit time and the peak resident memory.
 #
 #   bench/e2e/run.sh [RUNS]        (default 20; HERALD_BIN_DIR overrides build/bin)
 set -euo pipefail
@@ -9,7 +10,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 bin=${HERALD_BIN_DIR:-$root/build/bin}
 runs=${1:-20}
-for program in herald-sandbox notification-service e2e_floor_post e2e_measure; do
+for program in herald-sandbox notification-service e2e_floor_post e2e_floor_fetch e2e_measure; do
   [ -x "$bin/$program" ] || { echo "e2e: $bin/$program is missing; build first (make build)" >&2; exit 1; }
 done
 
@@ -53,3 +54,19 @@ measure plain "plain: notification-service --extension plain" \
 measure floor "floor: e2e_floor_post (one libcurl POST)" "$bin/e2e_floor_post" "$url/track/floor"
 awk -v h="$host_ms" -v f="$floor_ms" -v hk="$host_kb" -v fk="$floor_kb" \
   'BEGIN { printf "  host / floor: %.2fx time, %.2fx memory\n", h / f, hk / fk }'
+
+# The application's extension on a notification that uses all of it: a drawn initials avatar
+# and a 200 KB JPEG thumbnail from loopback, beside a floor that only fetches that thumbnail.
+cat >"$work/service.json" <<JSON
+{"aps": {"alert": {"title": "New comment", "body": "Ada: nice shadow"}, "mutable-content": 1},
+ "user_name": "Ada", "user_initials": "AB", "profile_picture_background_color": "#3A7BD5",
+ "thumbnail_url": "$url/_sandbox/bytes/204800.jpg", "trackingUrl": "$url/track/bench"}
+JSON
+echo
+echo "the application's extension, initials avatar and a 200 KB thumbnail:"
+measure service "service: notification-service (default extension)" \
+  "$bin/notification-service" "$work/service.json"
+measure fetch "floor: e2e_floor_fetch (one GET of the thumbnail)" \
+  "$bin/e2e_floor_fetch" "$url/_sandbox/bytes/204800.jpg"
+awk -v h="$service_ms" -v f="$fetch_ms" -v hk="$service_kb" -v fk="$fetch_kb" \
+  'BEGIN { printf "  service / floor: %.2fx time, %.2fx memory\n", h / f, hk / fk }'
