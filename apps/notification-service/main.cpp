@@ -82,8 +82,9 @@ Options:
                      (default 30; fractions allowed)
   --grace SECONDS    how long to wait after the deadline for work still running (default 2)
   --no-mutable-copy  hand over a content that cannot be copied into a mutable one
-  --preview FILE.png draw the last content delivered as the phone's lock screen would show
-                     it (app name, sender avatar, texts, thumbnail) and write it as a PNG
+  --preview FILE.png draw the notification as the phone's lock screen would show it (app
+                     name, sender avatar, texts, thumbnail) and write it as a PNG; the phone
+                     shows the first content delivered and ignores later calls
   --verbose          write the system log to standard error
   --help             show this text
 
@@ -207,7 +208,8 @@ struct Delivery {
   Clock::time_point start;
   int calls = 0;
   bool closed = false;
-  std::optional<platform::NotificationContent> last;  // for --preview
+  // What the phone shows: the first content handed over; it ignores later calls.
+  std::optional<platform::NotificationContent> shown;  // for --preview
 
   void deliver(const platform::NotificationContent& content) {
     std::lock_guard lock(mutex);
@@ -222,7 +224,7 @@ struct Delivery {
     for (const auto& interaction : platform::donatedInteractions())
       donated.push_back(platform::describe(interaction));
     line["donatedInteractions"] = std::move(donated);
-    last = content;
+    if (!shown) shown = content;
     const auto text = platform::toJSON(line) + "\n";
     std::fwrite(text.data(), 1, text.size(), out);
     std::fflush(out);
@@ -326,9 +328,9 @@ int run(const Options& options) {
     delivery->closed = true;  // calls that come later are past the phone's patience
     calls = delivery->calls;
   }
-  if (options.previewPath && delivery->last) {
+  if (options.previewPath && delivery->shown) {
     try {
-      host::drawPreview(*delivery->last, kAppLabel, *options.previewPath);
+      host::drawPreview(*delivery->shown, kAppLabel, *options.previewPath);
     } catch (const std::exception& e) {
       std::cerr << kName << ": " << e.what() << "\n";
     }
