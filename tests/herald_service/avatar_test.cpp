@@ -76,21 +76,6 @@ TEST(Avatar, InitialsAreWhiteAndCentredOnTheBackground) {
   EXPECT_LT(bottom, 70);
 }
 
-TEST(Avatar, WhiteInitialsOnWhiteAndTheNearBlackFallbackDecodeFromPNG) {
-  auto decoded = [](const platform::Image& image) {
-    auto png = image.pngData();
-    EXPECT_TRUE(png);
-    return platform::Image::fromPNG(png.value_or("")).value_or(platform::Image());
-  };
-  const auto white = decoded(drawInitialsImage("AB", colorFromHex("#FFF", 1)));
-  for (int y = 0; y < 80; ++y)
-    for (int x = 0; x < 80; ++x) ASSERT_EQ(white.pixel(x, y), Color::white()) << x << "," << y;
-
-  const auto dark = decoded(drawInitialsImage("AB", colorFromHex("#FFFF", 1)));
-  expectColor(dark.pixel(2, 2), rgb(1, 1, 0));
-  expectColor(dark.pixel(77, 40), rgb(1, 1, 0));
-}
-
 TEST(Avatar, TheIconIsTintedWhiteInTheCentredSquare) {
   const auto icon = platform::namedImage(kFallbackIconName);
   ASSERT_TRUE(icon);
@@ -103,12 +88,6 @@ TEST(Avatar, TheIconIsTintedWhiteInTheCentredSquare) {
     expectColor(image.pixel(x, y), grape, kPixelStep);
   const auto plain = drawIconImage(platform::Image(), grape);
   expectColor(plain.pixel(40, 34), grape, kPixelStep);
-}
-
-TEST(Attachment, OnlyJPEGExtensionsPassInAnyCase) {
-  for (const char* ext : {"jpg", "jpeg", "JPG", "Jpeg"}) EXPECT_TRUE(conformsToJPEG(ext)) << ext;
-  for (const char* ext : {"png", "gif", "", "jpe", "jpgx", "heic"})
-    EXPECT_FALSE(conformsToJPEG(ext)) << ext;
 }
 
 class ScopedTemporaryDirectory {

@@ -77,26 +77,6 @@ TEST(Canvas, TextIsMeasuredInWholePointsAndDrawnInsideItsRect) {
   EXPECT_EQ(outside, 0);
 }
 
-TEST(Canvas, TintKeepsTheShapeAndCircularDrawingClipsTheCorners) {
-  platform::Canvas source({4, 4});
-  source.fill({0, 0, 2, 4}, {0.2, 0.3, 0.4, 1});
-  source.fill({2, 0, 2, 4}, {0.2, 0.3, 0.4, 0.5});
-  const auto tinted =
-      source.image().withTintColor(Color::white(), platform::RenderingMode::alwaysOriginal);
-  EXPECT_EQ(tinted.renderingMode(), platform::RenderingMode::alwaysOriginal);
-  expectColor(tinted.pixel(0, 0), Color::white());
-  expectColor(tinted.pixel(3, 3), {1, 1, 1, 0.5});
-
-  platform::Canvas square({40, 40});
-  square.fill({0, 0, 40, 40}, {0, 1, 0, 1});
-  platform::Canvas canvas({40, 40});
-  canvas.drawImage(square.image(), {0, 0, 40, 40}, /*circular=*/true);
-  const auto drawn = canvas.image();
-  expectColor(drawn.pixel(20, 20), {0, 1, 0, 1});
-  EXPECT_EQ(drawn.pixel(1, 1).alpha, 0);
-  EXPECT_EQ(drawn.pixel(38, 38).alpha, 0);
-}
-
 class ScopedAssetsDir {
  public:
   explicit ScopedAssetsDir(const std::filesystem::path& dir) {
@@ -104,18 +84,6 @@ class ScopedAssetsDir {
   }
   ~ScopedAssetsDir() { unsetenv("HERALD_ASSETS_DIR"); }
 };
-
-TEST(Assets, TheCatalogueHoldsTheFallbackColourAndIcon) {
-  const auto color = platform::namedColor("secondaryMoonGrape");
-  ASSERT_TRUE(color);
-  EXPECT_EQ(color->alpha, 1);
-  EXPECT_GT(color->blue, color->green);  // a purple
-  const auto icon = platform::namedImage("icon-person-person");
-  ASSERT_TRUE(icon);
-  EXPECT_EQ(icon->size(), (platform::Size{32, 32}));
-  EXPECT_FALSE(platform::namedImage("no-such-image"));
-  EXPECT_FALSE(platform::namedColor("../colors/secondaryMoonGrape"));
-}
 
 TEST(Assets, AMalformedColourNamesItsFile) {
   const auto dir = platform::temporaryDirectory() / ("assets-" + platform::newUUID());
@@ -140,29 +108,13 @@ TEST(Assets, AMalformedColourNamesItsFile) {
   std::filesystem::remove_all(dir);
 }
 
-TEST(Intents, UpdatingTurnsTheContentIntoACommunicationFromTheSender) {
+TEST(Intents, AnUpdateNeedsASenderWithAPictureTheSystemCanShow) {
   platform::NotificationContent content;
-  content.title = "New comment";
-  content.userInfo["k"] = 1;
-  content.attachments.push_back({"a", "file:///tmp/a.jpg", "public.jpeg", {}});
   platform::SendMessageIntent intent;
   EXPECT_THROW(platform::updatingContent(content, intent), platform::Error);
-
-  platform::Person sender;
-  sender.displayName = "Ada";
-  sender.image = platform::IntentImage::withURL("https://example.com/ada.jpg");
-  intent.sender = sender;
-  const auto updated = platform::updatingContent(content, intent);
-  EXPECT_EQ(updated->title, "New comment");
-  EXPECT_EQ(updated->userInfo, content.userInfo);
-  EXPECT_EQ(updated->attachments.size(), 1u);
-  ASSERT_TRUE(updated->communication);
-  EXPECT_EQ(updated->communication->displayName, "Ada");
-  EXPECT_EQ(updated->communication->imageURL, "https://example.com/ada.jpg");
-  EXPECT_FALSE(content.communication);
-
-  for (auto image : {platform::IntentImage::withURL("ada.jpg"),
-                     platform::IntentImage::withURL("ftp://example.com/ada.jpg"),
+  intent.sender = platform::Person{};
+  EXPECT_TRUE(platform::updatingContent(content, intent)->communication);  // no picture is fine
+  for (auto image : {platform::IntentImage::withURL("ftp://example.com/ada.jpg"),
                      platform::IntentImage::withImageData("GIF89a")}) {
     intent.sender->image = image;
     try {
@@ -172,29 +124,6 @@ TEST(Intents, UpdatingTurnsTheContentIntoACommunicationFromTheSender) {
       EXPECT_EQ(e.code(), platform::intent_error::invalidImage);
     }
   }
-}
-
-TEST(Intents, DonatedInteractionsAreKeptInOrder) {
-  platform::clearDonatedInteractions();
-  auto intent = std::make_shared<platform::SendMessageIntent>();
-  intent->sender = platform::Person{};
-  intent->sender->displayName = "Ada";
-  platform::Interaction first(intent);
-  first.direction = platform::InteractionDirection::incoming;
-  first.donate();
-  int completions = 0;
-  platform::Interaction(nullptr).donate([&](std::optional<platform::Error> e) {
-    EXPECT_TRUE(e);
-    ++completions;
-  });
-  EXPECT_EQ(completions, 1);
-  const auto donated = platform::donatedInteractions();
-  ASSERT_EQ(donated.size(), 1u);
-  EXPECT_EQ(platform::describe(donated[0]),
-            (boost::json::object{{"direction", "incoming"},
-                                 {"intent", "SendMessageIntent"},
-                                 {"sender", {{"displayName", "Ada"}, {"image", nullptr}}}}));
-  platform::clearDonatedInteractions();
 }
 
 }  // namespace

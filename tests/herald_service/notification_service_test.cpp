@@ -24,31 +24,28 @@ using testing_support::HttpServer;
 using testing_support::RecordedRequest;
 using testing_support::ScriptedResponse;
 
-struct LogLine {
-  logwell::Level level;
-  std::string message, file, function;
-  int line;
-};
-
-// Keeps every entry the facade hands it, written on the logging thread.
+// Keeps every entry the facade hands it as "LINE FUNCTION MESSAGE"; all come at debug level
+// from the service's own file.
 class CapturingDestination : public logwell::BaseDestination {
  public:
   CapturingDestination() { setAsynchronously(false); }
   std::optional<std::string> send(logwell::Level level, std::string_view msg, std::string_view,
                                   std::string_view file, std::string_view function, int line,
                                   const logwell::Context&) override {
+    EXPECT_EQ(level, logwell::Level::debug);
+    EXPECT_EQ(file, "HeraldService/NotificationService");
     std::lock_guard lock(mutex_);
-    lines_.push_back({level, std::string(msg), std::string(file), std::string(function), line});
+    lines_.push_back(std::to_string(line) + " " + std::string(function) + " " + std::string(msg));
     return std::nullopt;
   }
-  std::vector<LogLine> lines() const {
+  std::vector<std::string> lines() const {
     std::lock_guard lock(mutex_);
     return lines_;
   }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<LogLine> lines_;
+  std::vector<std::string> lines_;
 };
 
 const std::string kJPEG = std::string("\xFF\xD8\xFF\xE0", 4) + std::string(2000, 'j');
@@ -103,15 +100,7 @@ class NotificationServiceTest : public ::testing::Test {
     return out;
   }
 
-  std::vector<std::string> messages() const {
-    std::vector<std::string> out;
-    for (const auto& l : log_->lines()) {
-      EXPECT_EQ(l.level, logwell::Level::debug);
-      EXPECT_EQ(l.file, "HeraldService/NotificationService");
-      out.push_back(std::to_string(l.line) + " " + l.message);
-    }
-    return out;
-  }
+  std::vector<std::string> messages() const { return log_->lines(); }
 
   HttpServer server_;
   std::shared_ptr<CapturingDestination> log_ = std::make_shared<CapturingDestination>();
@@ -203,35 +192,34 @@ TEST_F(NotificationServiceTest, OnlyJPEGThumbnailsAreDownloadedAndAttached) {
   for (const char* path : {"/thumbs/d.png", "/thumbs/noextension", "/thumbs/e.jpg.gif"})
     EXPECT_TRUE(deliver(request({{"thumbnail_url", url(path)}})).at(0).attachments.empty());
   EXPECT_EQ(paths().size(), 3u) << "a refused thumbnail was downloaded";
-  const std::string refused = "160 [Herald] Not able to add attachments: unsupportedFileExtension";
+  const std::string refused =
+      "160 addAttachments() [Herald] Not able to add attachments: unsupportedFileExtension";
   EXPECT_EQ(messages(), (std::vector<std::string>{refused, refused, refused}));
-  for (const auto& l : log_->lines()) EXPECT_EQ(l.function, "addAttachments()");
 }
 
-TEST_F(NotificationServiceTest, FailedDownloadsAndRefusedFilesLeaveTheContentAsItWas) {
-  server_.setHandler([](const RecordedRequest&) { return ScriptedResponse{404, {}, "<html>"}; });
+TEST_F(NotificationServiceTest, AttachmentsAreReplacedOnlyWhenAThumbnailIsAdded) {
   platform::NotificationContent content;
-  content.userInfo = {{"thumbnail_url", url("/thumbs/missing.jpg")}};
-  content.attachments.push_back({"old", "file:///tmp/old.jpg", "public.jpeg", {}});
-  EXPECT_EQ(deliver({"r", content.copy()}).at(0).attachments.at(0).identifier, "old");
-
-  content.userInfo = {{"thumbnail_url", "file:///nonexistent/dir/thumb.jpg"}};
-  EXPECT_EQ(deliver({"r", content.copy()}).at(0).attachments.at(0).identifier, "old");
-
-  const std::string unexpected =
-      "163 [Herald] An unexpected error occurred while adding attachments.";
-  EXPECT_EQ(messages(), (std::vector<std::string>{unexpected, unexpected}));
-}
-
-TEST_F(NotificationServiceTest, AThumbnailReplacesTheAttachmentsTheContentHad) {
-  platform::NotificationContent content;
-  content.userInfo = {{"thumbnail_url", url("/thumbs/new.jpg")}, {"user_name", "Ada"}};
   content.attachments.push_back({"old-1", "file:///tmp/1.jpg", "public.jpeg", {}});
   content.attachments.push_back({"old-2", "file:///tmp/2.jpg", "public.jpeg", {}});
-  const auto delivered = deliver({"r", content.copy()});
-  ASSERT_EQ(delivered.at(0).attachments.size(), 1u);
-  EXPECT_NE(delivered[0].attachments[0].identifier, "old-1");
-  EXPECT_TRUE(delivered[0].communication);  // the update from the intent kept them too
+  auto withThumbnail = [&](const std::string& address) {
+    content.userInfo = {{"thumbnail_url", address}, {"user_name", "Ada"}};
+    return deliver({"r", content.copy()}).at(0).attachments;
+  };
+  const auto added = withThumbnail(url("/thumbs/new.jpg"));
+  ASSERT_EQ(added.size(), 1u);
+  EXPECT_NE(added[0].identifier, "old-1");
+
+  // A page that is no JPEG, a file that is not there, a refused type: the old ones stay.
+  server_.setHandler([](const RecordedRequest&) { return ScriptedResponse{404, {}, "<html>"}; });
+  for (const auto& address : {url("/thumbs/missing.jpg"),
+                              std::string("file:///nonexistent/dir/thumb.jpg"), url("/a.png")})
+    EXPECT_EQ(withThumbnail(address).size(), 2u) << address;
+  const std::string unexpected =
+      "163 addAttachments() [Herald] An unexpected error occurred while adding attachments.";
+  EXPECT_EQ(messages(),
+            (std::vector<std::string>{unexpected, unexpected,
+                                      "160 addAttachments() [Herald] Not able to add attachments: "
+                                      "unsupportedFileExtension"}));
 }
 
 TEST_F(NotificationServiceTest, AnUndecodablePayloadIsDeliveredPlainAfterTheReportStarted) {
@@ -246,10 +234,10 @@ TEST_F(NotificationServiceTest, AnUndecodablePayloadIsDeliveredPlainAfterTheRepo
   EXPECT_FALSE(delivered[0].communication);
   EXPECT_TRUE(delivered[0].attachments.empty());
   EXPECT_TRUE(platform::donatedInteractions().empty());
-  EXPECT_EQ(messages(), std::vector<std::string>{
-                            "84 [Herald] The notification payload does not match the expected "
-                            "NotificationMessage format."});
-  EXPECT_EQ(log_->lines().at(0).function, "didReceive()");
+  EXPECT_EQ(messages(),
+            std::vector<std::string>{
+                "84 didReceive() [Herald] The notification payload does not match the expected "
+                "NotificationMessage format."});
   ASSERT_TRUE(server_.waitForRequests(1));
   EXPECT_EQ(paths(), std::vector<std::string>{"POST /track/m2"});
 }
@@ -265,9 +253,10 @@ TEST_F(NotificationServiceTest, ContentThatCannotBeCopiedIsDeliveredUnchangedAnd
   EXPECT_FALSE(delivered[0].communication);
   ASSERT_TRUE(platform::waitForIdle(10s));
   EXPECT_TRUE(server_.requests().empty());
-  EXPECT_EQ(messages(), std::vector<std::string>{
-                            "71 [Herald] Failed to create a mutable copy of the notification "
-                            "content."});
+  EXPECT_EQ(messages(),
+            std::vector<std::string>{
+                "71 didReceive() [Herald] Failed to create a mutable copy of the notification "
+                "content."});
 }
 
 TEST_F(NotificationServiceTest, AFailedIntentUpdateIsLoggedAndTheThumbnailStillAttached) {
@@ -277,13 +266,10 @@ TEST_F(NotificationServiceTest, AFailedIntentUpdateIsLoggedAndTheThumbnailStillA
   EXPECT_FALSE(delivered[0].communication);
   EXPECT_EQ(delivered[0].attachments.size(), 1u);
   EXPECT_TRUE(platform::donatedInteractions().empty());
-  const auto lines = log_->lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].line, 177);
-  EXPECT_EQ(lines[0].function, "addProfilePicture()");
-  EXPECT_EQ(lines[0].message,
-            "[Herald] Not able to modify the request with the intent: The sender's image URL is "
-            "not an absolute http, https or file URL: \"avatars/ada.jpg\".");
+  EXPECT_EQ(messages(), std::vector<std::string>{
+                            "177 addProfilePicture() [Herald] Not able to modify the request with "
+                            "the intent: The sender's image URL is not an absolute http, https or "
+                            "file URL: \"avatars/ada.jpg\"."});
 }
 
 TEST_F(NotificationServiceTest, TheDeadlineDeliversTheBestAttemptAndTheWorkDeliversAgain) {
