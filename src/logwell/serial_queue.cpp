@@ -39,10 +39,11 @@ void reportEscapedException(const std::string& label) {
   }
 }
 
-// A synchronous caller waiting for its turn: the worker grants it and waits until done.
+// A synchronous caller waiting for its turn: the worker grants it, then waits for the
+// queue's `grantedDone` (the ticket itself lives on the caller's stack and is gone once the
+// caller is done).
 struct Ticket {
   bool granted = false;
-  bool done = false;
 };
 
 struct Job {
@@ -114,6 +115,7 @@ struct SerialQueue::State {
   bool busy = false;
   bool workerWaiting = false;
   std::size_t spaceWaiters = 0;
+  bool grantedDone = false;  // the caller holding the queue through a ticket has finished
   bool stopping = false;
 
   // Appends one job under the lock; `fill` writes it.
@@ -201,7 +203,6 @@ void SerialQueue::sync(const std::function<void()>& block) {
   struct Release {
     State& s;
     bool idle;
-    Ticket& ticket;
     ~Release() {
       std::unique_lock lock(s.mutex);
       if (idle) {
@@ -210,12 +211,12 @@ void SerialQueue::sync(const std::function<void()>& block) {
         lock.unlock();
         if (wake) s.workerCv.notify_one();
       } else {
-        ticket.done = true;
+        s.grantedDone = true;
         lock.unlock();
         s.waitCv.notify_all();
       }
     }
-  } release{s, idle, ticket};
+  } release{s, idle};
   OnQueue on(&s, &s.label);
   block();
 }
@@ -252,9 +253,10 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
             break;
           case Job::Kind::ticket: {
             std::unique_lock l(s.mutex);
+            s.grantedDone = false;
             job.ticket->granted = true;
             s.waitCv.notify_all();
-            s.waitCv.wait(l, [&] { return job.ticket->done; });
+            s.waitCv.wait(l, [&] { return s.grantedDone; });
             break;
           }
         }

@@ -150,3 +150,25 @@ TEST_F(Facade, DestinationsCanChangeWhileOtherThreadsLog) {
   std::lock_guard lock(log->mutex);
   for (const auto& e : log->entries) ASSERT_EQ(e.message, "x");
 }
+
+TEST(Queue, SynchronousAndAsynchronousBlocksNeverOverlapAndKeepEachThreadsOrder) {
+  auto d = std::make_shared<logwell::BaseDestination>();
+  std::vector<std::pair<int, int>> ran;  // touched only on the queue
+  int running = 0, overlaps = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 500; ++i)
+        d->execute(i % 3 == 0, [&, t, i] {
+          overlaps += running++ != 0;
+          ran.emplace_back(t, i);
+          --running;
+        });
+    });
+  for (auto& t : threads) t.join();
+  d->executeSynchronously([] {});
+  EXPECT_EQ(overlaps, 0);
+  ASSERT_EQ(ran.size(), 2000u);
+  std::vector<int> next(4, 0);
+  for (auto [t, i] : ran) EXPECT_EQ(i, next[t]++);
+}
