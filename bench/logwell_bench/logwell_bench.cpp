@@ -17,10 +17,12 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 
 #include "logwell/logwell.hpp"
 #include "platform/paths.hpp"
@@ -138,18 +140,29 @@ BENCHMARK(BM_FileLogwell);
 BENCHMARK(BM_FileFloor);
 BENCHMARK(BM_FileFloorLocked);
 
-// Keeps the time per iteration of every run, and prints as the console does.
+// Keeps the time per iteration of every run (the median over repetitions), and prints as the
+// console does.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const auto& run : runs)
       if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-        nanoseconds[run.run_name.function_name] =
+        samples_[run.run_name.function_name].push_back(
             run.GetAdjustedRealTime() * benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
-            benchmark::GetTimeUnitMultiplier(run.time_unit);
+            benchmark::GetTimeUnitMultiplier(run.time_unit));
   }
-  std::map<std::string, double> nanoseconds;
+
+  std::optional<double> nanoseconds(const std::string& name) const {
+    const auto it = samples_.find(name);
+    if (it == samples_.end() || it->second.empty()) return std::nullopt;
+    auto values = it->second;
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values[values.size() / 2];
+  }
+
+ private:
+  std::map<std::string, std::vector<double>> samples_;
 };
 
 }  // namespace
@@ -162,11 +175,10 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
 
   auto ratio = [&](const char* name, const char* ours, const char* reference, double aim) {
-    const auto a = reporter.nanoseconds.find(ours), b = reporter.nanoseconds.find(reference);
-    if (a == reporter.nanoseconds.end() || b == reporter.nanoseconds.end() || b->second <= 0)
-      return;
-    std::printf("ratio %s: %.2f (%.0f ns vs %.0f ns; aim at most %.1f)\n", name,
-                a->second / b->second, a->second, b->second, aim);
+    const auto a = reporter.nanoseconds(ours), b = reporter.nanoseconds(reference);
+    if (!a || !b || *b <= 0) return;
+    std::printf("ratio %s: %.2f (%.0f ns vs %.0f ns; aim at most %.1f)\n", name, *a / *b, *a, *b,
+                aim);
   };
   ratio("caller", "BM_CallerLogwell", "BM_CallerSpdlog", 1.0);
   ratio("format", "BM_FormatLogwell", "BM_FormatSpdlog", 1.5);
