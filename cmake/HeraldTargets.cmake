@@ -25,7 +25,9 @@ function(herald_test name)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS ${ARG_LABEL} TIMEOUT 120
-               ENVIRONMENT "HERALD_BIN_DIR=${CMAKE_BINARY_DIR}/bin;HERALD_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+               # One value per property: discovered tests lose the escaping of a list.
+               ENVIRONMENT "HERALD_BIN_DIR=${CMAKE_BINARY_DIR}/bin"
+               ENVIRONMENT_MODIFICATION "HERALD_SOURCE_DIR=set:${CMAKE_SOURCE_DIR}")
   if(ARG_LABEL STREQUAL "unit")
     add_dependencies(unit_tests ${name})
   endif()

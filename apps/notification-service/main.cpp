@@ -33,6 +33,9 @@
 #include "platform/main_queue.hpp"
 #include "platform/paths.hpp"
 #include "platform/system_log.hpp"
+#ifdef HOST_WITH_LOGWELL
+#include "logwell/logwell.hpp"
+#endif
 #include "preview.hpp"
 
 namespace {
@@ -85,7 +88,7 @@ Options:
   --preview FILE.png draw the notification as the phone's lock screen would show it (app
                      name, sender avatar, texts, thumbnail) and write it as a PNG; the phone
                      shows the first content delivered and ignores later calls
-  --verbose          write the system log to standard error
+  --verbose          write the system log and the extension's debug log to standard error
   --help             show this text
 
 Output: one JSON line on standard output for every call of the content handler:
@@ -285,6 +288,10 @@ int run(const Options& options) {
   if (options.verbose) {
     platform::SystemLog::setDebugEnabled(true);
     platform::SystemLog::routeToStandardError();
+#ifdef HOST_WITH_LOGWELL
+    // The extension logs through the logging library, which has no destination of its own.
+    logwell::addStandardErrorConsole();
+#endif
   }
 
   auto delivery = std::make_shared<Delivery>();

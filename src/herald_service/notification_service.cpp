@@ -30,8 +30,11 @@ constexpr const char* kAddProfilePicture = "addProfilePicture(request:message:)"
 
 // Failures are logged at debug on purpose: they are expected in the field (old payloads,
 // unreachable pictures) and must not raise alarms in the application's logs.
-void logDebug(std::string message, const char* function, int line) {
-  logwell::Logwell::custom(logwell::Level::debug, message, kLogFile, function, line);
+// The context carries the detail a person needs to mend the payload (a decoding error's key
+// path); destinations that print "$X" show it, the message itself stays as it is.
+void logDebug(std::string message, const char* function, int line, logwell::Context context = {}) {
+  logwell::Logwell::custom(logwell::Level::debug, message, kLogFile, function, line,
+                           std::move(context));
 }
 
 // The application's own purple, for when the catalogue cannot be read.
@@ -107,11 +110,11 @@ void NotificationService::didReceive(const platform::NotificationRequest& reques
   std::optional<NotificationMessage> message;
   try {
     message = NotificationMessage::decode(boost::json::value(copy->userInfo));
-  } catch (...) {
+  } catch (const std::exception& e) {
     logDebug(
         "[Herald] The notification payload does not match the expected NotificationMessage "
         "format.",
-        kDidReceive, 84);
+        kDidReceive, 84, std::string(e.what()));
     const auto best = currentContent();
     deliver(*handler,
             best ? static_cast<const platform::NotificationContent&>(*best) : *requestContent);

@@ -256,6 +256,8 @@ bool Logwell::flush(std::int64_t secondTimeout) {
 std::shared_ptr<ConsoleDestination> addStandardErrorConsole(Level minLevel) {
   auto console = std::make_shared<ConsoleDestination>();
   console->output = stderr;
+  // A person reading standard error wants the entry's context too (what exactly failed).
+  console->format += " $X";
   console->minLevel = minLevel;
   if (::isatty(STDERR_FILENO)) console->setUseTerminalColors(true);
   Logwell::addDestination(console);
