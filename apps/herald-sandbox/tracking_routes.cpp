@@ -10,23 +10,6 @@ namespace {
 constexpr std::array<std::string_view, 5> kEvents{"CLICKED", "DELIVERED", "OPENED", "READ",
                                                   "UNREAD"};
 
-std::string kind(const boost::json::value& value) {
-  switch (value.kind()) {
-    case boost::json::kind::null:
-      return "null";
-    case boost::json::kind::bool_:
-      return "a boolean";
-    case boost::json::kind::string:
-      return "a string";
-    case boost::json::kind::array:
-      return "an array";
-    case boost::json::kind::object:
-      return "an object";
-    default:
-      return "a number";
-  }
-}
-
 Response track(const Request& request, std::string_view) {
   boost::json::value body;
   try {
@@ -36,12 +19,14 @@ Response track(const Request& request, std::string_view) {
   }
   const auto* object = body.if_object();
   if (!object)
-    return Response::error(400,
-                           "the body must be a JSON object with an \"event\", not " + kind(body));
+    return Response::error(400, "the body must be a JSON object with an \"event\", not " +
+                                    platform::describeJSONKind(body));
   const auto* event = object->if_contains("event");
   if (!event) return Response::error(400, "the body has no \"event\"");
   const auto* name = event->if_string();
-  if (!name) return Response::error(400, "\"event\" must be a string, not " + kind(*event));
+  if (!name)
+    return Response::error(400,
+                           "\"event\" must be a string, not " + platform::describeJSONKind(*event));
   for (auto known : kEvents)
     if (*name == known) return Response::json(200, boost::json::object{{"tracked", known}});
   return Response::error(400,

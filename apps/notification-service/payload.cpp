@@ -3,6 +3,8 @@
 #include <cmath>
 #include <optional>
 
+#include "platform/json.hpp"
+
 namespace host {
 namespace {
 
@@ -11,7 +13,8 @@ std::optional<std::string> optionalText(const boost::json::object& object, std::
   const auto* value = object.if_contains(key);
   if (!value) return std::nullopt;
   if (const auto* text = value->if_string()) return std::string(*text);
-  throw PayloadError("\"" + std::string(where) + "\" must be a string, not " + kindName(*value));
+  throw PayloadError("\"" + std::string(where) + "\" must be a string, not " +
+                     platform::describeJSONKind(*value));
 }
 
 std::optional<std::int64_t> optionalInteger(const boost::json::object& object, std::string_view key,
@@ -25,7 +28,8 @@ std::optional<std::int64_t> optionalInteger(const boost::json::object& object, s
   if (const auto* d = value->if_double();
       d && std::isfinite(*d) && *d == std::floor(*d) && std::fabs(*d) < 9e15)
     return static_cast<std::int64_t>(*d);
-  throw PayloadError("\"" + std::string(where) + "\" must be an integer, not " + kindName(*value));
+  throw PayloadError("\"" + std::string(where) + "\" must be an integer, not " +
+                     platform::describeJSONKind(*value));
 }
 
 void readAlert(const boost::json::value& alert, platform::NotificationContent& content) {
@@ -35,7 +39,8 @@ void readAlert(const boost::json::value& alert, platform::NotificationContent& c
   }
   const auto* object = alert.if_object();
   if (!object)
-    throw PayloadError("\"aps.alert\" must be an object or a string, not " + kindName(alert));
+    throw PayloadError("\"aps.alert\" must be an object or a string, not " +
+                       platform::describeJSONKind(alert));
   content.title = optionalText(*object, "title", "aps.alert.title");
   content.subtitle = optionalText(*object, "subtitle", "aps.alert.subtitle");
   content.body = optionalText(*object, "body", "aps.alert.body");
@@ -48,34 +53,17 @@ std::optional<std::string> readSound(const boost::json::object& aps) {
   // A critical alert names its sound inside an object.
   if (const auto* object = sound->if_object())
     return optionalText(*object, "name", "aps.sound.name");
-  throw PayloadError("\"aps.sound\" must be a string or an object, not " + kindName(*sound));
+  throw PayloadError("\"aps.sound\" must be a string or an object, not " +
+                     platform::describeJSONKind(*sound));
 }
 
 }  // namespace
 
-std::string kindName(const boost::json::value& value) {
-  switch (value.kind()) {
-    case boost::json::kind::null:
-      return "null";
-    case boost::json::kind::bool_:
-      return value.get_bool() ? "true" : "false";
-    case boost::json::kind::int64:
-    case boost::json::kind::uint64:
-    case boost::json::kind::double_:
-      return "a number";
-    case boost::json::kind::string:
-      return "a string";
-    case boost::json::kind::array:
-      return "an array";
-    case boost::json::kind::object:
-      return "an object";
-  }
-  return "a value";
-}
-
 Payload payloadFromJSON(const boost::json::value& json, std::string identifier, bool copyable) {
   const auto* root = json.if_object();
-  if (!root) throw PayloadError("the payload must be a JSON object, not " + kindName(json));
+  if (!root)
+    throw PayloadError("the payload must be a JSON object, not " +
+                       platform::describeJSONKind(json));
 
   auto content = std::make_shared<platform::NotificationContent>();
   content->userInfo = *root;
@@ -84,7 +72,8 @@ Payload payloadFromJSON(const boost::json::value& json, std::string identifier, 
 
   if (const auto* apsValue = root->if_contains("aps")) {
     const auto* aps = apsValue->if_object();
-    if (!aps) throw PayloadError("\"aps\" must be an object, not " + kindName(*apsValue));
+    if (!aps)
+      throw PayloadError("\"aps\" must be an object, not " + platform::describeJSONKind(*apsValue));
     if (const auto* alert = aps->if_contains("alert")) readAlert(*alert, *content);
     content->badge = optionalInteger(*aps, "badge", "aps.badge");
     content->sound = readSound(*aps);

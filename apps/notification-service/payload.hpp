@@ -29,7 +29,4 @@ struct Payload {
 Payload payloadFromJSON(const boost::json::value& json, std::string identifier,
                         bool copyable = true);
 
-/// "an array", "a string", "null", … for messages about a value of the wrong kind.
-std::string kindName(const boost::json::value& value);
-
 }  // namespace host

@@ -26,6 +26,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/json.hpp"
+
 namespace core {
 
 class DecodingError : public std::exception {
@@ -54,9 +56,6 @@ class DecodingError : public std::exception {
   std::string detail_;
   std::string message_;
 };
-
-/// "a string", "an integer", "null", … : how a decoding error names the value it found.
-std::string describeJSONKind(const boost::json::value& value);
 
 /// The path of `key` inside the object at `path` ("profile" + "user_id" → "profile.user_id").
 std::string appendCodingKey(std::string_view path, std::string_view key);
@@ -159,7 +158,7 @@ struct Decodable<std::vector<T>> {
     const auto* array = value.if_array();
     if (array == nullptr) {
       throw DecodingError(DecodingError::Kind::typeMismatch, std::string(path),
-                          "expected an array, found " + describeJSONKind(value));
+                          "expected an array, found " + platform::describeJSONKind(value));
     }
     std::vector<T> out;
     out.reserve(array->size());

@@ -7,7 +7,6 @@
 ///   std::string page = platform::toJSON(v, platform::JSONStyle::pretty);
 
 #include <boost/json/value.hpp>
-
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -33,6 +32,9 @@ class JSONSyntaxError : public std::runtime_error {
   std::string reason_;
   std::size_t offset_, line_, column_;
 };
+
+/// What kind of value this is, for error messages: "a string", "an integer", "null", …
+std::string describeJSONKind(const boost::json::value& value);
 
 /// Parses a whole JSON text; a syntax error names the reason with its line and column.
 boost::json::value parseJSON(std::string_view text);

@@ -9,8 +9,9 @@ namespace {
 
 [[noreturn]] void mismatch(std::string_view path, std::string_view expected,
                            const boost::json::value& found) {
-  throw DecodingError(DecodingError::Kind::typeMismatch, std::string(path),
-                      "expected " + std::string(expected) + ", found " + describeJSONKind(found));
+  throw DecodingError(
+      DecodingError::Kind::typeMismatch, std::string(path),
+      "expected " + std::string(expected) + ", found " + platform::describeJSONKind(found));
 }
 
 }  // namespace
@@ -22,31 +23,6 @@ DecodingError::DecodingError(Kind kind, std::string codingPath, std::string deta
   } else {
     message_ = kind_ == Kind::dataCorrupted ? detail_ : "top level: " + detail_;
   }
-}
-
-std::string describeJSONKind(const boost::json::value& value) {
-  switch (value.kind()) {
-    case boost::json::kind::null:
-      return "null";
-    case boost::json::kind::bool_:
-      return "a boolean";
-    case boost::json::kind::int64:
-      return "an integer";
-    case boost::json::kind::uint64:
-      return value.get_uint64() >
-                     static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())
-                 ? "an integer beyond the 64-bit range"
-                 : "an integer";
-    case boost::json::kind::double_:
-      return "a number with a fraction or exponent";
-    case boost::json::kind::string:
-      return "a string";
-    case boost::json::kind::array:
-      return "an array";
-    case boost::json::kind::object:
-      return "an object";
-  }
-  return "an unknown value";
 }
 
 std::string appendCodingKey(std::string_view path, std::string_view key) {

@@ -4,6 +4,8 @@
 #include <boost/json/stream_parser.hpp>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 
 namespace platform {
 namespace {
@@ -34,12 +36,24 @@ void write(std::string& out, const boost::json::value& v, JSONStyle style, int d
     out.append(static_cast<std::size_t>(d) * 2, ' ');
   };
   switch (v.kind()) {
-    case boost::json::kind::null: out += "null"; break;
-    case boost::json::kind::bool_: out += v.get_bool() ? "true" : "false"; break;
-    case boost::json::kind::int64: out += std::to_string(v.get_int64()); break;
-    case boost::json::kind::uint64: out += std::to_string(v.get_uint64()); break;
-    case boost::json::kind::double_: appendNumber(out, v.get_double()); break;
-    case boost::json::kind::string: appendString(out, v.get_string()); break;
+    case boost::json::kind::null:
+      out += "null";
+      break;
+    case boost::json::kind::bool_:
+      out += v.get_bool() ? "true" : "false";
+      break;
+    case boost::json::kind::int64:
+      out += std::to_string(v.get_int64());
+      break;
+    case boost::json::kind::uint64:
+      out += std::to_string(v.get_uint64());
+      break;
+    case boost::json::kind::double_:
+      appendNumber(out, v.get_double());
+      break;
+    case boost::json::kind::string:
+      appendString(out, v.get_string());
+      break;
     case boost::json::kind::array: {
       const auto& a = v.get_array();
       if (a.empty()) {
@@ -82,6 +96,31 @@ void write(std::string& out, const boost::json::value& v, JSONStyle style, int d
 }
 
 }  // namespace
+
+std::string describeJSONKind(const boost::json::value& value) {
+  switch (value.kind()) {
+    case boost::json::kind::null:
+      return "null";
+    case boost::json::kind::bool_:
+      return "a boolean";
+    case boost::json::kind::int64:
+      return "an integer";
+    case boost::json::kind::uint64:
+      return value.get_uint64() >
+                     static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())
+                 ? "an integer beyond the 64-bit range"
+                 : "an integer";
+    case boost::json::kind::double_:
+      return "a number with a fraction or exponent";
+    case boost::json::kind::string:
+      return "a string";
+    case boost::json::kind::array:
+      return "an array";
+    case boost::json::kind::object:
+      return "an object";
+  }
+  return "an unknown value";
+}
 
 std::string toJSON(const boost::json::value& value, JSONStyle style) {
   std::string out;
