@@ -2,7 +2,9 @@
 # End-to-end benchmark: one delivery through the host (base extension: report, then show)
 # and one through the application's extension (initials avatar, 200 KB thumbnail), against
 # the local sandbox, each beside a floor program that does only the network part with
-# libcurl (the same POST; one GET of the thumbnail). Reports the median start-to-exit time and the peak resident memory.
+# libcurl (the same POST; one GET of the thumbnail). Reports for each the median time from
+# start to exit, the median CPU time and the peak resident memory, and the ratios to the
+# floors. Programs compared with each other run alternately, after one uncounted run each.
 #
 #   bench/e2e/run.sh [RUNS]        (default 20; HERALD_BIN_DIR overrides build/bin)
 set -euo pipefail
@@ -33,27 +35,46 @@ cat >"$work/payload.json" <<JSON
  "trackingUrl": "$url/track/bench"}
 JSON
 
-measure() {  # key, label, command...
-  local key=$1 label=$2
-  shift 2
-  local line
-  line=$("$bin/e2e_measure" --runs "$runs" -- "$@")
-  local median rss
-  median=$(sed -E 's/.*median_ms=([0-9.]+).*/\1/' <<<"$line")
-  rss=$(sed -E 's/.*peak_rss_kb=([0-9]+).*/\1/' <<<"$line")
-  printf '  %-48s %8s ms %8s KB\n' "$label" "$median" "$rss"
-  printf -v "${key}_ms" '%s' "$median"
-  printf -v "${key}_kb" '%s' "$rss"
+# What the host writes (attachments, drawn avatars, caches) stays in the work folder and goes
+# with it; the floors write nothing.
+mkdir -p "$work/tmp" "$work/cache"
+export TMPDIR=$work/tmp XDG_CACHE_HOME=$work/cache
+
+# Each group of programs is measured in one e2e_measure call, which alternates their runs so
+# that the load of the machine at any moment falls on all of them alike.
+declare -A ms cpu kb
+measure() {  # "key|label|command..." ...
+  local -a keys labels args
+  local spec
+  for spec in "$@"; do
+    IFS='|' read -r -a parts <<<"$spec"
+    keys+=("${parts[0]}")
+    labels+=("${parts[1]}")
+    args+=(-- "${parts[@]:2}")
+  done
+  local lines
+  lines=$("$bin/e2e_measure" --runs "$runs" "${args[@]}")
+  local i line
+  for i in "${!keys[@]}"; do
+    line=$(sed -n "$((i + 1))p" <<<"$lines")
+    ms[${keys[$i]}]=$(sed -E 's/.*median_ms=([0-9.]+).*/\1/' <<<"$line")
+    cpu[${keys[$i]}]=$(sed -E 's/.*cpu_ms=([0-9.]+).*/\1/' <<<"$line")
+    kb[${keys[$i]}]=$(sed -E 's/.*peak_rss_kb=([0-9]+).*/\1/' <<<"$line")
+    printf '  %-50s %7s ms %7s ms cpu %7s KB\n' "${labels[$i]}" "${ms[${keys[$i]}]}" \
+      "${cpu[${keys[$i]}]}" "${kb[${keys[$i]}]}"
+  done
+}
+ratio() {  # key, floor key, label
+  awk -v l="$3" -v h="${ms[$1]}" -v f="${ms[$2]}" -v hk="${kb[$1]}" -v fk="${kb[$2]}" \
+    'BEGIN { printf "  %s: %.2fx time, %.2fx memory (%.1f MB)\n", l, h / f, hk / fk, hk / 1024 }'
 }
 
-echo "end to end, $runs runs each (median start-to-exit time, peak resident memory):"
-measure host "host: notification-service --extension base" \
-  "$bin/notification-service" --extension base "$work/payload.json"
-measure plain "plain: notification-service --extension plain" \
-  "$bin/notification-service" --extension plain "$work/payload.json"
-measure floor "floor: e2e_floor_post (one libcurl POST)" "$bin/e2e_floor_post" "$url/track/floor"
-awk -v h="$host_ms" -v f="$floor_ms" -v hk="$host_kb" -v fk="$floor_kb" \
-  'BEGIN { printf "  host / floor: %.2fx time, %.2fx memory\n", h / f, hk / fk }'
+echo "end to end, $runs runs each, alternating (median wall time from start to exit, median CPU"
+echo "time of all threads, peak resident memory):"
+measure "host|host: notification-service --extension base|$bin/notification-service|--extension|base|$work/payload.json" \
+  "plain|plain: notification-service --extension plain|$bin/notification-service|--extension|plain|$work/payload.json" \
+  "floor|floor: e2e_floor_post (one libcurl POST)|$bin/e2e_floor_post|$url/track/floor"
+ratio host floor "host / floor"
 
 # The application's extension on a notification that uses all of it: a drawn initials avatar
 # and a 200 KB JPEG thumbnail from loopback, beside a floor that only fetches that thumbnail.
@@ -64,9 +85,6 @@ cat >"$work/service.json" <<JSON
 JSON
 echo
 echo "the application's extension, initials avatar and a 200 KB thumbnail:"
-measure service "service: notification-service (default extension)" \
-  "$bin/notification-service" "$work/service.json"
-measure fetch "floor: e2e_floor_fetch (one GET of the thumbnail)" \
-  "$bin/e2e_floor_fetch" "$url/_sandbox/bytes/204800.jpg"
-awk -v h="$service_ms" -v f="$fetch_ms" -v hk="$service_kb" -v fk="$fetch_kb" \
-  'BEGIN { printf "  service / floor: %.2fx time, %.2fx memory\n", h / f, hk / fk }'
+measure "service|service: notification-service (default extension)|$bin/notification-service|$work/service.json" \
+  "fetch|floor: e2e_floor_fetch (one GET of the thumbnail)|$bin/e2e_floor_fetch|$url/_sandbox/bytes/204800.jpg"
+ratio service fetch "service / floor"
