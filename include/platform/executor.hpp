@@ -36,6 +36,12 @@ void spawnDetached(Task task) {
 std::size_t runningTasks();
 /// Blocks until no detached task is running or `limit` has passed; true when idle.
 bool waitForIdle(std::chrono::steady_clock::duration limit);
+/// Calls `observer` each time the last running detached task finishes, on that task's thread
+/// and after the count dropped to zero; one observer per process, an empty one removes it.
+/// A host that runs its own loop wakes it from here instead of polling `runningTasks()`.
+///
+///   platform::setIdleObserver([] { platform::MainQueue::shared().post([] {}); });
+void setIdleObserver(std::function<void()> observer);
 
 /// Runs `body` on a new detached task and blocks the caller until it ends; for programs and
 /// tests that need an asynchronous result on a plain thread.

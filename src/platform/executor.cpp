@@ -3,6 +3,7 @@
 #include <boost/asio/thread_pool.hpp>
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 
 #include "platform/system_log.hpp"
@@ -14,6 +15,7 @@ struct Tasks {
   std::mutex mutex;
   std::condition_variable idle;
   std::size_t running = 0;
+  std::shared_ptr<const std::function<void()>> observer;
 };
 
 Tasks& tasks() {
@@ -25,7 +27,10 @@ Tasks& tasks() {
 
 boost::asio::any_io_executor sharedExecutor() {
   // Never destroyed: detached tasks may outlive main's locals; the process exit ends them.
-  static boost::asio::thread_pool* pool = new boost::asio::thread_pool(4);
+  // Made at the first task, not before. Two threads: the tasks here wait on the network far
+  // more than they compute, and an extension's process pays for each thread it starts (its
+  // stack, its own malloc arena, a clone) when it may live for a single notification.
+  static boost::asio::thread_pool* pool = new boost::asio::thread_pool(2);
   return pool->get_executor();
 }
 
@@ -46,8 +51,15 @@ void taskFinished(std::exception_ptr error) {
       SystemLog("platform", "tasks").error("detached task failed with an unknown exception");
     }
   }
-  std::lock_guard lock(tasks().mutex);
-  if (--tasks().running == 0) tasks().idle.notify_all();
+  std::shared_ptr<const std::function<void()>> observer;
+  {
+    std::lock_guard lock(tasks().mutex);
+    if (--tasks().running != 0) return;
+    tasks().idle.notify_all();
+    observer = tasks().observer;
+  }
+  // Outside the lock: the observer may well ask how many tasks are running.
+  if (observer && *observer) (*observer)();
 }
 
 }  // namespace detail
@@ -55,6 +67,12 @@ void taskFinished(std::exception_ptr error) {
 std::size_t runningTasks() {
   std::lock_guard lock(tasks().mutex);
   return tasks().running;
+}
+
+void setIdleObserver(std::function<void()> observer) {
+  auto shared = std::make_shared<const std::function<void()>>(std::move(observer));
+  std::lock_guard lock(tasks().mutex);
+  tasks().observer = std::move(shared);
 }
 
 bool waitForIdle(std::chrono::steady_clock::duration limit) {

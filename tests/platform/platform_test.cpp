@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <thread>
 
 #include "platform/error.hpp"
+#include "platform/executor.hpp"
 #include "platform/json.hpp"
 #include "platform/main_queue.hpp"
 #include "platform/notification.hpp"
@@ -94,4 +98,34 @@ TEST(SystemLog, CapturedSinkSeesSubsystemCategoryAndLevel) {
   EXPECT_EQ(records[0].subsystem, "com.example");
   EXPECT_EQ(records[0].type, platform::LogType::fault);
   EXPECT_EQ(captured.messages("cat"), std::vector<std::string>{"boom"});
+}
+
+TEST(Executor, IdleObserverRunsOnceTheLastTaskEnds) {
+  ASSERT_TRUE(platform::waitForIdle(std::chrono::seconds(5)));  // nothing left from before
+  std::atomic<int> calls{0};
+  std::atomic<std::size_t> runningWhenCalled{99};
+  std::promise<void> called;
+  platform::setIdleObserver([&] {
+    runningWhenCalled = platform::runningTasks();
+    if (++calls == 1) called.set_value();
+  });
+  std::promise<void> gate;
+  auto opened = gate.get_future().share();
+  // The first task holds a pool thread until the gate opens; the second ends at once.
+  platform::spawnDetached([opened]() -> boost::asio::awaitable<void> {
+    opened.wait();
+    co_return;
+  });
+  platform::spawnDetached([]() -> boost::asio::awaitable<void> { co_return; });
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (platform::runningTasks() > 1 && std::chrono::steady_clock::now() < limit)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(platform::runningTasks(), 1u);
+  EXPECT_EQ(calls, 0);
+
+  gate.set_value();
+  ASSERT_EQ(called.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(runningWhenCalled, 0u);
+  platform::setIdleObserver(nullptr);
+  EXPECT_EQ(calls, 1);
 }
