@@ -9,7 +9,6 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -204,6 +203,13 @@ std::string readPayload(const std::string& path) {
   return text.str();
 }
 
+// The host's loop waits on the main queue; whatever changes what it waits for (the handler
+// called, didReceive returned, the last task ended) posts an empty block there, so that the
+// loop looks again at once instead of at its next poll.
+void wakeMainQueue() {
+  platform::MainQueue::shared().post([] {});
+}
+
 // Everything the content handler touches; shared with threads that may outlive a late call.
 struct Delivery {
   std::FILE* out = stdout;
@@ -231,39 +237,13 @@ struct Delivery {
     const auto text = platform::toJSON(line) + "\n";
     std::fwrite(text.data(), 1, text.size(), out);
     std::fflush(out);
+    wakeMainQueue();
   }
 
   bool called() {
     std::lock_guard lock(mutex);
     return calls > 0;
   }
-};
-
-// Calls the extension's deadline entry point from its own thread, unless cancelled first.
-class DeadlineTimer {
- public:
-  DeadlineTimer(Clock::time_point when, std::function<void()> expire)
-      : thread_([this, when, expire = std::move(expire)] {
-          std::unique_lock lock(mutex_);
-          if (cancelled_.wait_until(lock, when, [this] { return stop_; })) return;
-          lock.unlock();
-          expire();
-        }) {}
-
-  ~DeadlineTimer() {
-    {
-      std::lock_guard lock(mutex_);
-      stop_ = true;
-    }
-    cancelled_.notify_all();
-    thread_.join();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cancelled_;
-  bool stop_ = false;
-  std::thread thread_;
 };
 
 int run(const Options& options) {
@@ -315,20 +295,28 @@ int run(const Options& options) {
   const auto grace = std::chrono::duration_cast<Clock::duration>(
       std::chrono::duration<double>(options.graceSeconds));
 
+  platform::setIdleObserver(wakeMainQueue);
   delivery->start = Clock::now();
   std::thread worker([extension, request = payload.request, handler, returned] {
     extension->didReceive(request, handler);
     *returned = true;
+    wakeMainQueue();
   });
-  bool finished = false;
-  {
-    DeadlineTimer timer(delivery->start + deadline,
-                        [extension] { extension->serviceExtensionTimeWillExpire(); });
-    // The main queue runs here so that completions posted to it (rich-push downloads) arrive.
-    finished = platform::MainQueue::shared().runUntil(
-        [&] { return *returned && platform::runningTasks() == 0 && delivery->called(); },
-        deadline + grace);
+  // The main queue runs here so that completions posted to it (rich-push downloads) arrive.
+  const auto done = [&] {
+    return *returned && platform::runningTasks() == 0 && delivery->called();
+  };
+  auto& mainQueue = platform::MainQueue::shared();
+  bool finished = mainQueue.runUntil(done, delivery->start + deadline - Clock::now());
+  // The deadline entry point gets a thread of its own, started only when the deadline comes:
+  // most notifications are done long before, and a thread is not free at start-up.
+  if (!finished) {
+    std::thread expiry([extension] { extension->serviceExtensionTimeWillExpire(); });
+    finished = mainQueue.runUntil(done, delivery->start + deadline + grace - Clock::now());
+    // What the deadline call hands over is shown: wait for it before the delivery closes.
+    expiry.join();
   }
+  platform::setIdleObserver(nullptr);
   int calls = 0;
   {
     std::lock_guard lock(delivery->mutex);
