@@ -89,10 +89,15 @@ cairo_font_face_t* loadSystemFace(const char* file) {
   return fontFace;
 }
 
+// Each weight is loaded at its first use: most processes draw one of them only, and a face
+// costs its file's pages and FreeType's parse.
 cairo_font_face_t* systemFace(bool bold) {
+  if (bold) {
+    static cairo_font_face_t* boldFace = loadSystemFace("DejaVuSans-Bold.ttf");
+    return boldFace;
+  }
   static cairo_font_face_t* regular = loadSystemFace("DejaVuSans.ttf");
-  static cairo_font_face_t* boldFace = loadSystemFace("DejaVuSans-Bold.ttf");
-  return bold ? boldFace : regular;
+  return regular;
 }
 
 void selectFont(cairo_t* cr, const Font& font) {
