@@ -1,7 +1,13 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "platform/executor.hpp"
 #include "platform/url_loading.hpp"
@@ -136,4 +142,43 @@ TEST(URLLoading, AwaitableFormDeliversTheBody) {
   HttpServer server([](const auto&) { return ScriptedResponse{200, {}, "async"}; });
   auto result = platform::blockOn(URLSession::shared().data(URLRequest::make(server.baseURL() + "/")));
   EXPECT_EQ(result.data, "async");
+}
+
+// A server whose Content-Length promises a hundred terabytes and sends three bytes: the body
+// may not be sized from the header alone, and the short answer is a lost connection.
+TEST(URLLoading, AnAnnouncedLengthIsNoPromise) {
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(::listen(listener, 1), 0);
+  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  std::thread server([listener] {
+    pollfd ready{listener, POLLIN, 0};
+    if (::poll(&ready, 1, 5000) != 1) return;
+    const int client = ::accept(listener, nullptr, nullptr);
+    std::string request;
+    char buffer[1024];
+    while (request.find("\r\n\r\n") == std::string::npos) {
+      pollfd readable{client, POLLIN, 0};
+      if (::poll(&readable, 1, 5000) != 1) break;
+      const auto n = ::read(client, buffer, sizeof buffer);
+      if (n <= 0) break;
+      request.append(buffer, static_cast<std::size_t>(n));
+    }
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 100000000000000\r\n\r\nabc";
+    (void)!::write(client, answer.data(), answer.size());
+    ::close(client);
+  });
+  const auto url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/liar";
+  try {
+    URLSession::shared().dataSync(URLRequest::make(url));
+    ADD_FAILURE() << "a cut body was delivered";
+  } catch (const platform::Error& e) {
+    EXPECT_EQ(e.code(), platform::url_error::networkConnectionLost);
+  }
+  server.join();
+  ::close(listener);
 }
