@@ -1,10 +1,11 @@
 // Runs one or more programs N times each and reports, per program, the median wall time from
-// fork to exit, the median CPU time (user + system, all threads) and the peak resident
-// memory, as read from the kernel for each child (wait4), not sampled.
+// fork to exit, the median CPU time (user + system, all threads) and the median and largest
+// peak resident memory of a run, as read from the kernel for each child (wait4), not sampled.
 //
 //   e2e_measure --runs 20 -- bin/notification-service p.json -- bin/e2e_floor_fetch URL
-//   → notification-service runs=20 median_ms=24.4 min_ms=21.9 max_ms=31.0 cpu_ms=18.2 ...
-//     e2e_floor_fetch runs=20 median_ms=19.1 min_ms=17.0 max_ms=25.3 cpu_ms=16.4 ...
+//   → notification-service runs=20 median_ms=24.4 min_ms=21.9 max_ms=31.0 cpu_ms=18.2
+//     peak_rss_kb=15132 max_peak_rss_kb=15460
+//   e2e_floor_fetch runs=20 median_ms=19.1 min_ms=17.0 max_ms=25.3 cpu_ms=16.4 ...
 //
 // Programs are separated by "--". The runs alternate between the programs (A B A B ...), so
 // that a busy moment of the machine falls on all of them alike, and each program runs once
@@ -29,7 +30,7 @@ struct Program {
   std::vector<char*> argv;  // null-terminated
   std::vector<double> millis;
   std::vector<double> cpuMillis;
-  long peakKB = 0;
+  std::vector<double> peakKB;
 };
 
 double median(std::vector<double> values) {
@@ -65,7 +66,7 @@ bool runOnce(Program& program, bool counted) {
   if (counted) {
     program.millis.push_back(std::chrono::duration<double, std::milli>(end - start).count());
     program.cpuMillis.push_back(millisOf(usage.ru_utime) + millisOf(usage.ru_stime));
-    program.peakKB = std::max(program.peakKB, usage.ru_maxrss);
+    program.peakKB.push_back(static_cast<double>(usage.ru_maxrss));
   }
   return true;
 }
@@ -113,9 +114,11 @@ int main(int argc, char** argv) {
     std::string name = program.argv[0];
     name = name.substr(name.find_last_of('/') + 1);
     const auto [low, high] = std::minmax_element(program.millis.begin(), program.millis.end());
-    std::printf("%s runs=%d median_ms=%.1f min_ms=%.1f max_ms=%.1f cpu_ms=%.1f peak_rss_kb=%ld\n",
-                name.c_str(), runs, median(program.millis), *low, *high, median(program.cpuMillis),
-                program.peakKB);
+    std::printf(
+        "%s runs=%d median_ms=%.1f min_ms=%.1f max_ms=%.1f cpu_ms=%.1f peak_rss_kb=%.0f "
+        "max_peak_rss_kb=%.0f\n",
+        name.c_str(), runs, median(program.millis), *low, *high, median(program.cpuMillis),
+        median(program.peakKB), *std::max_element(program.peakKB.begin(), program.peakKB.end()));
   }
   return 0;
 }

@@ -42,7 +42,7 @@ export TMPDIR=$work/tmp XDG_CACHE_HOME=$work/cache
 
 # Each group of programs is measured in one e2e_measure call, which alternates their runs so
 # that the load of the machine at any moment falls on all of them alike.
-declare -A ms cpu kb
+declare -A ms cpu kb maxkb
 measure() {  # "key|label|command..." ...
   local -a keys labels args
   local spec
@@ -59,18 +59,20 @@ measure() {  # "key|label|command..." ...
     line=$(sed -n "$((i + 1))p" <<<"$lines")
     ms[${keys[$i]}]=$(sed -E 's/.*median_ms=([0-9.]+).*/\1/' <<<"$line")
     cpu[${keys[$i]}]=$(sed -E 's/.*cpu_ms=([0-9.]+).*/\1/' <<<"$line")
-    kb[${keys[$i]}]=$(sed -E 's/.*peak_rss_kb=([0-9]+).*/\1/' <<<"$line")
-    printf '  %-50s %7s ms %7s ms cpu %7s KB\n' "${labels[$i]}" "${ms[${keys[$i]}]}" \
-      "${cpu[${keys[$i]}]}" "${kb[${keys[$i]}]}"
+    kb[${keys[$i]}]=$(sed -E 's/.* peak_rss_kb=([0-9]+).*/\1/' <<<"$line")
+    maxkb[${keys[$i]}]=$(sed -E 's/.*max_peak_rss_kb=([0-9]+).*/\1/' <<<"$line")
+    printf '  %-50s %6s ms %6s ms cpu %6s KB (max %s)\n' "${labels[$i]}" "${ms[${keys[$i]}]}" \
+      "${cpu[${keys[$i]}]}" "${kb[${keys[$i]}]}" "${maxkb[${keys[$i]}]}"
   done
 }
 ratio() {  # key, floor key, label
   awk -v l="$3" -v h="${ms[$1]}" -v f="${ms[$2]}" -v hk="${kb[$1]}" -v fk="${kb[$2]}" \
-    'BEGIN { printf "  %s: %.2fx time, %.2fx memory (%.1f MB)\n", l, h / f, hk / fk, hk / 1024 }'
+    -v mk="${maxkb[$1]}" 'BEGIN { printf "  %s: %.2fx time, %.2fx memory (%.1f MB, at most %.1f MB)\n",
+                                         l, h / f, hk / fk, hk / 1024, mk / 1024 }'
 }
 
-echo "end to end, $runs runs each, alternating (median wall time from start to exit, median CPU"
-echo "time of all threads, peak resident memory):"
+echo "end to end, $runs runs each, alternating (medians of wall time from start to exit, of CPU"
+echo "time of all threads and of peak resident memory; the largest peak in brackets):"
 measure "host|host: notification-service --extension base|$bin/notification-service|--extension|base|$work/payload.json" \
   "plain|plain: notification-service --extension plain|$bin/notification-service|--extension|plain|$work/payload.json" \
   "floor|floor: e2e_floor_post (one libcurl POST)|$bin/e2e_floor_post|$url/track/floor"
