@@ -18,6 +18,7 @@
 ///   and the wait ends with `boost::asio::error::operation_aborted`.
 
 #include <array>
+#include <atomic>
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/append.hpp>
 #include <boost/asio/associated_cancellation_slot.hpp>
@@ -30,7 +31,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/deferred.hpp>
 #include <boost/asio/detached.hpp>
-#include <boost/asio/experimental/parallel_group.hpp>
+#include <boost/asio/experimental/concurrent_channel.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/this_coro.hpp>
@@ -112,14 +113,18 @@ class WaiterCompletion {
 template <class Handler>
 class WaiterCompletionFor final : public WaiterCompletion {
  public:
-  explicit WaiterCompletionFor(Handler handler) : handler_(std::move(handler)) {}
+  WaiterCompletionFor(Handler handler, boost::asio::any_io_executor fallback)
+      : handler_(std::move(handler)), fallback_(std::move(fallback)) {}
   void complete(boost::system::error_code error) override {
-    auto executor = boost::asio::get_associated_executor(handler_);
+    // A handler without an executor of its own (a parallel group's) would otherwise land on
+    // Asio's system executor: threads outside the pool, racing the waiter's coroutine.
+    auto executor = boost::asio::get_associated_executor(handler_, fallback_);
     boost::asio::post(executor, boost::asio::append(std::move(handler_), error));
   }
 
  private:
   Handler handler_;
+  boost::asio::any_io_executor fallback_;
 };
 
 template <class T>
@@ -159,13 +164,16 @@ struct TaskState {
 
   /// Completes with success once the task has finished, or with `operation_aborted` when the
   /// wait is cancelled; the task itself is not touched.
+  /// A handler without an executor of its own completes on `fallback`.
   template <class Token>
-  static auto asyncWait(std::shared_ptr<TaskState> state, Token&& token) {
+  static auto asyncWait(std::shared_ptr<TaskState> state, boost::asio::any_io_executor fallback,
+                        Token&& token) {
     return boost::asio::async_initiate<Token, void(boost::system::error_code)>(
-        [](auto handler, std::shared_ptr<TaskState> state) {
+        [](auto handler, std::shared_ptr<TaskState> state, boost::asio::any_io_executor fallback) {
           using Handler = decltype(handler);
           auto slot = boost::asio::get_associated_cancellation_slot(handler);
-          auto completion = std::make_unique<WaiterCompletionFor<Handler>>(std::move(handler));
+          auto completion = std::make_unique<WaiterCompletionFor<Handler>>(std::move(handler),
+                                                                           std::move(fallback));
           std::unique_lock lock(state->mutex);
           if (state->result) {
             lock.unlock();
@@ -183,7 +191,7 @@ struct TaskState {
           }
           state->waiters.push_back({id, std::move(completion)});
         },
-        token, std::move(state));
+        token, std::move(state), std::move(fallback));
   }
 
   Result<T> takeResult() {
@@ -240,7 +248,8 @@ class Task {
   boost::asio::awaitable<T> value() const {
     auto state = state_;
     try {
-      co_await State::asyncWait(state, boost::asio::use_awaitable);
+      co_await State::asyncWait(state, state->strand.get_inner_executor(),
+                                boost::asio::use_awaitable);
     } catch (...) {
       cancel();  // the caller was cancelled, and the task goes with it
       throw;
@@ -284,25 +293,60 @@ class Task {
                                                 std::optional<typename Clock::duration> = {},
                                                 Clock = Clock{}) const {
     namespace asio = boost::asio;
+    using Strand = asio::strand<asio::any_io_executor>;
+    enum Winner : int { none, task, clock };
+    // Both contestants report on one strand, so that the winner alone stops the other and
+    // wakes the waiting coroutine (through a channel that keeps the word if the coroutine is
+    // not waiting yet). The record lives until the last of its handlers ran.
+    struct Race {
+      Race(Strand strand, typename Clock::duration after)
+          : deadline(strand, after), wake(strand, 1) {}
+      asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, Strand> deadline;
+      asio::experimental::concurrent_channel<void(boost::system::error_code)> wake;
+      asio::cancellation_signal stopWaiting;
+      std::atomic<int> winner{none};
+    };
     auto state = state_;
-    asio::basic_waitable_timer<Clock> timer(co_await asio::this_coro::executor, after);
-    std::array<std::size_t, 2> order{};
-    boost::system::error_code taskError, timerError;
+    auto strand = asio::make_strand(co_await asio::this_coro::executor);
+    auto contest = std::make_shared<Race>(strand, after);
+
+    State::asyncWait(state, strand,
+                     asio::bind_cancellation_slot(
+                         contest->stopWaiting.slot(), [contest](boost::system::error_code error) {
+                           int expected = none;
+                           if (error || !contest->winner.compare_exchange_strong(expected, task))
+                             return;
+                           contest->deadline.cancel();
+                           contest->wake.try_send(boost::system::error_code{});
+                         }));
+    contest->deadline.async_wait([contest](boost::system::error_code error) {
+      int expected = none;
+      if (error || !contest->winner.compare_exchange_strong(expected, clock)) return;
+      contest->stopWaiting.emit(asio::cancellation_type::terminal);
+      contest->wake.try_send(boost::system::error_code{});
+    });
+
     try {
-      std::tie(order, taskError, timerError) =
-          co_await asio::experimental::make_parallel_group(State::asyncWait(state, asio::deferred),
-                                                           timer.async_wait(asio::deferred))
-              .async_wait(asio::experimental::wait_for_one(), asio::use_awaitable);
-    } catch (...) {
-      // A caller cancelled before the race began is refused at the first wait.
-      cancel();
-      throw;
+      co_await contest->wake.async_receive(asio::use_awaitable);
+    } catch (const boost::system::system_error&) {
+      // The waiting coroutine was cancelled; handled below.
     }
 
-    if (order[0] == 0 && !taskError) co_return TimeoutResult<T>{state->takeResult()};
-    if (order[0] == 1 && !timerError) co_return TimeoutResult<T>{};
-    // Both children were cancelled from outside: the caller is being cancelled, and the
-    // task goes with it.
+    switch (contest->winner.load()) {
+      case task:
+        co_return TimeoutResult<T>{state->takeResult()};
+      case clock:
+        co_return TimeoutResult<T>{};
+      default:
+        break;
+    }
+    // Nobody won: the waiting coroutine itself was cancelled, and the task goes with it.
+    asio::post(strand, [contest] {
+      int expected = none;
+      if (!contest->winner.compare_exchange_strong(expected, clock)) return;
+      contest->stopWaiting.emit(asio::cancellation_type::terminal);
+      contest->deadline.cancel();
+    });
     cancel();
     throw boost::system::system_error(asio::error::operation_aborted);
   }

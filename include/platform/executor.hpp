@@ -9,10 +9,10 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/co_spawn.hpp>
-
 #include <chrono>
 #include <exception>
 #include <functional>
+#include <future>
 
 namespace platform {
 
@@ -43,7 +43,14 @@ bool waitForIdle(std::chrono::steady_clock::duration limit);
 ///   platform::setIdleObserver([] { platform::MainQueue::shared().post([] {}); });
 void setIdleObserver(std::function<void()> observer);
 
-/// Runs `body` on a new detached task and blocks the caller until it ends; for programs and
+/// Starts `task` on the shared executor; the future holds its value or its exception.
+///
+///   auto page = platform::spawnFuture(client.fetchPage());
+///   if (page.wait_for(5s) == std::future_status::ready) use(page.get());
+template <class T>
+std::future<T> spawnFuture(boost::asio::awaitable<T> task);
+
+/// Runs `task` on the shared executor and blocks the caller until it ends; for programs and
 /// tests that need an asynchronous result on a plain thread.
 template <class T>
 T blockOn(boost::asio::awaitable<T> task);

@@ -99,11 +99,11 @@ TEST(TaskTimeoutTest, TheTaskWinsAndTheTimerStops) {
   auto ended = std::make_shared<std::promise<std::string>>();
   auto task = core::Task<int>::spawn(sleeper(0s, ended));
   // A timer left running for an hour would keep this from completing.
-  auto value = asio::co_spawn(platform::sharedExecutor(), task.value(1h), asio::use_future);
+  auto value = platform::spawnFuture(task.value(1h));
   EXPECT_EQ(waitBounded(value), 42);
 
   auto failed = core::Task<int>::spawn(failing());
-  auto result = asio::co_spawn(platform::sharedExecutor(), failed.result(1h), asio::use_future);
+  auto result = platform::spawnFuture(failed.result(1h));
   auto outcome = waitBounded(result);
   ASSERT_FALSE(outcome.isSuccess());
   EXPECT_THROW(outcome.get(), std::runtime_error);
@@ -113,12 +113,12 @@ TEST(TaskTimeoutTest, TheClockWinsAndTheTaskKeepsRunning) {
   auto ended = std::make_shared<std::promise<std::string>>();
   auto endedFuture = ended->get_future();
   auto task = core::Task<int>::spawn(sleeper(1h, ended));
-  auto value = asio::co_spawn(platform::sharedExecutor(), task.value(20ms), asio::use_future);
+  auto value = platform::spawnFuture(task.value(20ms));
   EXPECT_THROW(waitBounded(value), core::TimeoutError);
   EXPECT_FALSE(task.isFinished());
   EXPECT_EQ(endedFuture.wait_for(0s), std::future_status::timeout);
 
-  auto result = asio::co_spawn(platform::sharedExecutor(), task.result(20ms), asio::use_future);
+  auto result = platform::spawnFuture(task.result(20ms));
   auto outcome = waitBounded(result);
   EXPECT_THROW(outcome.get(), core::TimeoutError);
 
