@@ -5,18 +5,9 @@
 #include <cctype>
 
 #include "platform/json.hpp"
+#include "platform/text.hpp"
 
 namespace sandbox {
-namespace {
-
-bool iequals(std::string_view a, std::string_view b) {
-  return std::ranges::equal(a, b, [](char x, char y) {
-    return std::tolower(static_cast<unsigned char>(x)) ==
-           std::tolower(static_cast<unsigned char>(y));
-  });
-}
-
-}  // namespace
 
 Request Request::make(std::string method, std::string target, HeaderFields headers,
                       std::string body) {
@@ -35,7 +26,7 @@ Request Request::make(std::string method, std::string target, HeaderFields heade
 
 std::optional<std::string> Request::header(std::string_view name) const {
   for (const auto& [key, value] : headers)
-    if (iequals(key, name)) return value;
+    if (platform::equalsIgnoringCase(key, name)) return value;
   return std::nullopt;
 }
 

@@ -6,14 +6,10 @@
 #include <cstdint>
 #include <utility>
 
+#include "platform/text.hpp"
+
 namespace sandbox {
 namespace {
-
-std::string lower(std::string_view text) {
-  std::string out(text);
-  for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
 
 constexpr std::array<std::pair<std::string_view, std::string_view>, 25> kTypes{{
     {"jpg", "image/jpeg"},
@@ -102,14 +98,14 @@ std::string header(const std::string& type, std::size_t size) {
 }  // namespace
 
 std::string contentTypeFor(std::string_view extension) {
-  const auto ext = lower(extension);
+  const auto ext = platform::lowercased(extension);
   for (const auto& [known, type] : kTypes)
     if (ext == known) return std::string(type);
   return "application/octet-stream";
 }
 
 std::string generatedMedia(std::size_t size, std::string_view extension) {
-  const auto type = lower(extension);
+  const auto type = platform::lowercased(extension);
   std::string out = header(type, size);
   const bool jpeg = type == "jpg" || type == "jpeg";
   const std::size_t trailer = jpeg ? 2 : 0;

@@ -6,6 +6,7 @@
 
 #include "platform/error.hpp"
 #include "platform/paths.hpp"
+#include "platform/text.hpp"
 
 namespace platform {
 namespace {
@@ -37,11 +38,6 @@ constexpr std::array<KnownType, 14> kTypes{{
     {"avi", "public.avi", 50 * MB, "video"},
 }};
 
-std::string lower(std::string s) {
-  for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
 // Images are checked by their first bytes as well, so that a page of HTML saved as
 // "photo.jpg" is refused here and not shown as a broken picture.
 bool imageSignatureMatches(const std::filesystem::path& path, std::string_view uniformType) {
@@ -49,24 +45,25 @@ bool imageSignatureMatches(const std::filesystem::path& path, std::string_view u
   unsigned char head[8] = {};
   in.read(reinterpret_cast<char*>(head), sizeof head);
   const auto n = in.gcount();
-  if (uniformType == "public.jpeg") return n >= 3 && head[0] == 0xFF && head[1] == 0xD8 && head[2] == 0xFF;
+  if (uniformType == "public.jpeg")
+    return n >= 3 && head[0] == 0xFF && head[1] == 0xD8 && head[2] == 0xFF;
   if (uniformType == "public.png")
     return n >= 8 && head[0] == 0x89 && head[1] == 'P' && head[2] == 'N' && head[3] == 'G';
-  if (uniformType == "com.compuserve.gif") return n >= 4 && head[0] == 'G' && head[1] == 'I' && head[2] == 'F' && head[3] == '8';
+  if (uniformType == "com.compuserve.gif")
+    return n >= 4 && head[0] == 'G' && head[1] == 'I' && head[2] == 'F' && head[3] == '8';
   return true;
 }
 
 }  // namespace
 
 std::optional<std::uintmax_t> attachmentSizeLimit(std::string_view extension) {
-  const auto ext = lower(std::string(extension));
+  const auto ext = lowercased(extension);
   for (const auto& t : kTypes)
     if (ext == t.extension) return t.maxBytes;
   return std::nullopt;
 }
 
-NotificationAttachment NotificationAttachment::make(std::string identifier,
-                                                    const std::string& url,
+NotificationAttachment NotificationAttachment::make(std::string identifier, const std::string& url,
                                                     boost::json::object options) {
   using namespace attachment_error;
   auto path = pathFromFileURL(url);
@@ -74,13 +71,14 @@ NotificationAttachment NotificationAttachment::make(std::string identifier,
   std::error_code ec;
   if (!std::filesystem::is_regular_file(*path, ec))
     throw Error(domain, fileNotFound, "Attachment file does not exist: " + path->string());
-  const auto extension = lower(pathExtension(path->string()));
+  const auto extension = lowercased(pathExtension(path->string()));
   const KnownType* known = nullptr;
   for (const auto& t : kTypes)
     if (extension == t.extension) known = &t;
   if (!known)
-    throw Error(domain, unrecognizedFileType,
-                "Unrecognized attachment file type: \"" + extension + "\" (" + path->string() + ")");
+    throw Error(
+        domain, unrecognizedFileType,
+        "Unrecognized attachment file type: \"" + extension + "\" (" + path->string() + ")");
   const auto size = std::filesystem::file_size(*path, ec);
   if (ec || size == 0 || size > known->maxBytes)
     throw Error(domain, invalidFileSize,

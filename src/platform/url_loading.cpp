@@ -3,13 +3,13 @@
 #include <curl/curl.h>
 
 #include <atomic>
-#include <charconv>
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <charconv>
 #include <condition_variable>
 #include <future>
 #include <mutex>
@@ -17,17 +17,10 @@
 #include <unordered_map>
 
 #include "platform/paths.hpp"
+#include "platform/text.hpp"
 
 namespace platform {
 namespace {
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-      return false;
-  return true;
-}
 
 std::optional<std::string> findHeader(const HeaderFields& fields, std::string_view name) {
   for (const auto& [k, v] : fields)
@@ -47,9 +40,12 @@ Error translate(CURLcode code, const char* detail, const std::string& url) {
     case CURLE_OPERATION_TIMEDOUT:
       return urlError(url_error::timedOut, "The request timed out. (" + text + ")", url);
     case CURLE_COULDNT_CONNECT:
-      return urlError(url_error::cannotConnectToHost, "Could not connect to the server. (" + text + ")", url);
+      return urlError(url_error::cannotConnectToHost,
+                      "Could not connect to the server. (" + text + ")", url);
     case CURLE_COULDNT_RESOLVE_HOST:
-      return urlError(url_error::cannotFindHost, "A server with the specified hostname could not be found. (" + text + ")", url);
+      return urlError(url_error::cannotFindHost,
+                      "A server with the specified hostname could not be found. (" + text + ")",
+                      url);
     case CURLE_UNSUPPORTED_PROTOCOL:
     case CURLE_URL_MALFORMAT:
       return urlError(url_error::unsupportedURL, "unsupported URL (" + text + ")", url);
@@ -57,12 +53,15 @@ Error translate(CURLcode code, const char* detail, const std::string& url) {
     case CURLE_RECV_ERROR:
     case CURLE_SEND_ERROR:
     case CURLE_GOT_NOTHING:
-      return urlError(url_error::networkConnectionLost, "The network connection was lost. (" + text + ")", url);
+      return urlError(url_error::networkConnectionLost,
+                      "The network connection was lost. (" + text + ")", url);
     case CURLE_FILE_COULDNT_READ_FILE:
-      return urlError(url_error::fileDoesNotExist, "The requested file does not exist. (" + text + ")", url);
+      return urlError(url_error::fileDoesNotExist,
+                      "The requested file does not exist. (" + text + ")", url);
     case CURLE_SSL_CONNECT_ERROR:
     case CURLE_PEER_FAILED_VERIFICATION:
-      return urlError(url_error::secureConnectionFailed, "A TLS error caused the secure connection to fail. (" + text + ")", url);
+      return urlError(url_error::secureConnectionFailed,
+                      "A TLS error caused the secure connection to fail. (" + text + ")", url);
     default:
       return urlError(url_error::unknown, text, url);
   }
@@ -99,11 +98,12 @@ std::string URLResponse::mimeType() const {
   auto type = value("Content-Type").value_or("");
   type = type.substr(0, type.find(';'));
   while (!type.empty() && std::isspace(static_cast<unsigned char>(type.back()))) type.pop_back();
-  for (auto& c : type) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return type;
+  return lowercased(type);
 }
 
-URLSessionConfiguration URLSessionConfiguration::defaultConfiguration() { return {}; }
+URLSessionConfiguration URLSessionConfiguration::defaultConfiguration() {
+  return {};
+}
 
 // ---------------------------------------------------------------------------------------------
 // The loader: one thread per session that drives a curl multi handle. Every other thread
@@ -154,8 +154,8 @@ struct URLSession::Loader : std::enable_shared_from_this<URLSession::Loader> {
 
 class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> {
  public:
-  CurlTask(std::weak_ptr<URLSession::Loader> loader, URLRequest request, DataTaskCompletion completion,
-           std::shared_ptr<URLCache> cache)
+  CurlTask(std::weak_ptr<URLSession::Loader> loader, URLRequest request,
+           DataTaskCompletion completion, std::shared_ptr<URLCache> cache)
       : loader_(std::move(loader)),
         request_(std::move(request)),
         completion_(std::move(completion)),
@@ -189,7 +189,8 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
       return;
     }
     loader->send([self = shared_from_this(), loader] {
-      if (self->easy_ && loader->running.erase(self->easy_)) curl_multi_remove_handle(loader->multi, self->easy_);
+      if (self->easy_ && loader->running.erase(self->easy_))
+        curl_multi_remove_handle(loader->multi, self->easy_);
       self->fail(urlError(url_error::cancelled, "cancelled", self->request_.url));
     });
   }
@@ -200,7 +201,8 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
       loader->send([self = shared_from_this()] {
         // A hint only: HTTP/2 stream weights are the one lever curl offers.
         if (self->easy_)
-          curl_easy_setopt(self->easy_, CURLOPT_STREAM_WEIGHT, static_cast<long>(1 + self->priority_ * 255));
+          curl_easy_setopt(self->easy_, CURLOPT_STREAM_WEIGHT,
+                           static_cast<long>(1 + self->priority_ * 255));
       });
   }
   float priority() const override { return priority_; }
@@ -236,7 +238,8 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     }
     if (code == CURLE_ABORTED_BY_CALLBACK && idle_) {
       fail(urlError(url_error::timedOut,
-                    "The request timed out. (no data for " + std::to_string(request_.timeout.count()) + " ms)",
+                    "The request timed out. (no data for " +
+                        std::to_string(request_.timeout.count()) + " ms)",
                     request_.url));
       return;
     }
@@ -246,12 +249,14 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
  private:
   std::optional<DataResult> answerFromCache() {
     const auto policy = request_.cachePolicy;
-    if (policy != CachePolicy::returnCacheDataElseLoad && policy != CachePolicy::returnCacheDataDontLoad)
+    if (policy != CachePolicy::returnCacheDataElseLoad &&
+        policy != CachePolicy::returnCacheDataDontLoad)
       return std::nullopt;
     if (cache_)
       if (auto hit = cache_->cachedResponse(request_)) return hit;
     if (policy == CachePolicy::returnCacheDataDontLoad) {
-      fail(urlError(-1008, "The resource is not in the cache and the request may not load it.", request_.url));
+      fail(urlError(-1008, "The resource is not in the cache and the request may not load it.",
+                    request_.url));
       return std::nullopt;
     }
     return std::nullopt;
@@ -285,14 +290,17 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     }
     if (request_.body) {
       curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, request_.body->data());
-      curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body->size()));
+      curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE,
+                       static_cast<curl_off_t>(request_.body->size()));
     }
     // Exactly the headers the caller added: curl's own Accept, Expect and form
     // Content-Type are switched off unless the caller set them.
     for (const auto& [field, value] : request_.headers)
-      headerList_ = curl_slist_append(headerList_, (field + (value.empty() ? ";" : ": " + value)).c_str());
+      headerList_ =
+          curl_slist_append(headerList_, (field + (value.empty() ? ";" : ": " + value)).c_str());
     for (const char* own : {"Accept", "Expect", "Content-Type"})
-      if (!request_.value(own)) headerList_ = curl_slist_append(headerList_, (std::string(own) + ":").c_str());
+      if (!request_.value(own))
+        headerList_ = curl_slist_append(headerList_, (std::string(own) + ":").c_str());
     curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
     lastActivity_ = std::chrono::steady_clock::now();
   }
@@ -301,7 +309,8 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     auto* task = static_cast<CurlTask*>(self);
     const auto n = size * count;
     task->lastActivity_ = std::chrono::steady_clock::now();
-    if (task->request_.maxResponseBytes && task->body_.size() + n > *task->request_.maxResponseBytes) {
+    if (task->request_.maxResponseBytes &&
+        task->body_.size() + n > *task->request_.maxResponseBytes) {
       task->tooLarge_ = true;
       return 0;
     }
@@ -422,7 +431,9 @@ URLSession::URLSession(URLSessionConfiguration configuration)
   loader_->start();
 }
 
-URLSession::~URLSession() { loader_->stop(); }
+URLSession::~URLSession() {
+  loader_->stop();
+}
 
 URLSession& URLSession::shared() {
   // Never destroyed: detached tasks may still load while the process exits.
@@ -438,13 +449,14 @@ std::shared_ptr<DataTask> URLSession::dataTask(URLRequest request, DataTaskCompl
 DataResult URLSession::dataSync(URLRequest request) {
   std::promise<DataResult> promise;
   auto future = promise.get_future();
-  auto task = dataTask(std::move(request), [&promise](std::string data, std::optional<URLResponse> response,
-                                                       std::optional<Error> error) {
-    if (error)
-      promise.set_exception(std::make_exception_ptr(std::move(*error)));
-    else
-      promise.set_value(DataResult{std::move(data), std::move(*response)});
-  });
+  auto task =
+      dataTask(std::move(request), [&promise](std::string data, std::optional<URLResponse> response,
+                                              std::optional<Error> error) {
+        if (error)
+          promise.set_exception(std::make_exception_ptr(std::move(*error)));
+        else
+          promise.set_value(DataResult{std::move(data), std::move(*response)});
+      });
   task->resume();
   return future.get();
 }
@@ -457,13 +469,14 @@ boost::asio::awaitable<DataResult> URLSession::data(URLRequest request) {
     auto task = dataTask(std::move(request), [shared, executor](std::string data,
                                                                 std::optional<URLResponse> response,
                                                                 std::optional<Error> error) {
-      boost::asio::dispatch(executor, [shared, data = std::move(data), response = std::move(response),
-                                       error = std::move(error)]() mutable {
-        if (error)
-          (*shared)(std::make_exception_ptr(std::move(*error)), DataResult{});
-        else
-          (*shared)(nullptr, DataResult{std::move(data), std::move(*response)});
-      });
+      boost::asio::dispatch(
+          executor, [shared, data = std::move(data), response = std::move(response),
+                     error = std::move(error)]() mutable {
+            if (error)
+              (*shared)(std::make_exception_ptr(std::move(*error)), DataResult{});
+            else
+              (*shared)(nullptr, DataResult{std::move(data), std::move(*response)});
+          });
     });
     if (slot.is_connected()) {
       slot.assign([weak = std::weak_ptr<DataTask>(task)](boost::asio::cancellation_type) {
