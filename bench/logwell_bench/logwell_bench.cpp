@@ -102,34 +102,28 @@ void BM_FileLogwell(benchmark::State& state) {
   std::filesystem::remove(path);
 }
 
-void BM_FileFloor(benchmark::State& state) {
-  const auto path = benchFile("floor-bench.log");
+// The floor: open, append and close the same line, optionally under the lock the file
+// destination takes against other writers of the file.
+void fileFloor(benchmark::State& state, const char* name, bool locked) {
+  const auto path = benchFile(name);
   logwell::BaseDestination d;
   const std::string line = d.formatMessage(d.format, logwell::Level::info, kMessage, "", __FILE__,
                                            "BM_FileLogwell()", __LINE__) +
                            "\n";
   for (auto _ : state) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (locked) ::flock(fd, LOCK_EX);
     benchmark::DoNotOptimize(::write(fd, line.data(), line.size()));
     ::close(fd);
   }
   std::filesystem::remove(path);
 }
 
-// The floor with the lock the file destination takes against other writers of the file.
+void BM_FileFloor(benchmark::State& state) {
+  fileFloor(state, "floor-bench.log", false);
+}
 void BM_FileFloorLocked(benchmark::State& state) {
-  const auto path = benchFile("floor-locked-bench.log");
-  logwell::BaseDestination d;
-  const std::string line = d.formatMessage(d.format, logwell::Level::info, kMessage, "", __FILE__,
-                                           "BM_FileLogwell()", __LINE__) +
-                           "\n";
-  for (auto _ : state) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    ::flock(fd, LOCK_EX);
-    benchmark::DoNotOptimize(::write(fd, line.data(), line.size()));
-    ::close(fd);
-  }
-  std::filesystem::remove(path);
+  fileFloor(state, "floor-locked-bench.log", true);
 }
 
 BENCHMARK(BM_CallerLogwell);
