@@ -16,6 +16,11 @@ void addCommonHeaders(platform::URLRequest& request) {
   request.addValue("application/json", "Content-Type");
 }
 
+// REST and body requests carry the user's token and never the client key.
+void addBearerToken(platform::URLRequest& request, const HeraldClient::Options& options) {
+  if (options.jwt) request.addValue("Bearer " + *options.jwt, "Authorization");
+}
+
 platform::URLRequest newRequest(std::string_view url) {
   auto request = platform::URLRequest::make(url);
   request.cachePolicy = platform::CachePolicy::useProtocolCachePolicy;
@@ -70,7 +75,7 @@ std::string HeraldGraphQLQuery::toJSON() const {
 platform::URLRequest HeraldApiClient::makeRequest(std::string_view url, std::string method) const {
   auto request = newRequest(url);
   request.method = std::move(method);
-  if (options_.jwt) request.addValue("Bearer " + *options_.jwt, "Authorization");
+  addBearerToken(request, options_);
   addCommonHeaders(request);
   return request;
 }
@@ -87,7 +92,7 @@ platform::URLRequest HeraldApiClient::makeBodyRequest(std::string_view url,
                                                       const boost::json::value& body) const {
   auto request = newRequest(url);
   request.method = "PUT";
-  if (options_.jwt) request.addValue("Bearer " + *options_.jwt, "Authorization");
+  addBearerToken(request, options_);
   request.body = platform::toJSON(body);
   addCommonHeaders(request);
   return request;
@@ -95,7 +100,7 @@ platform::URLRequest HeraldApiClient::makeBodyRequest(std::string_view url,
 
 void HeraldApiClient::addCredentialHeaders(platform::URLRequest& request) const {
   if (options_.jwt) {
-    request.addValue("Bearer " + *options_.jwt, "Authorization");
+    addBearerToken(request, options_);
   } else if (options_.clientKey) {
     request.addValue(*options_.clientKey, "x-herald-client-key");
   }
