@@ -11,6 +11,14 @@
 ///
 /// Failures are `platform::Error` values in `url_error::domain` (time-out -1001, cannot
 /// connect -1004, cancelled -999, …).
+///
+/// What a load promises the server:
+/// - a request whose method is not safe to repeat (anything but GET, HEAD, PUT, DELETE,
+///   OPTIONS) is sent at most once: when a kept-alive connection dies after the request may
+///   have been read, the load fails with `networkConnectionLost` instead of sending it again;
+/// - redirects are followed (at most 10), but a request other than GET and HEAD follows only
+///   307 and 308, which keep the method and the body; a 301, 302 or 303, after which the
+///   body would be dropped, fails with `badServerResponse` naming the status and the target.
 
 #include <boost/asio/awaitable.hpp>
 
@@ -37,6 +45,15 @@ enum class CachePolicy {
 
 using HeaderFields = std::vector<std::pair<std::string, std::string>>;
 
+/// The body limit of a request that sets none: no load holds more than this in memory.
+inline constexpr std::size_t kDefaultMaxResponseBytes = 64 << 20;
+
+/// What happens when a body grows past `URLRequest::maxResponseBytes`.
+enum class ResponseOverflow {
+  fail,      ///< the load fails with `dataLengthExceedsMaximum`
+  truncate,  ///< the load ends there and succeeds with the first bytes; the rest is discarded
+};
+
 struct URLRequest {
   std::string url;
   std::string method = "GET";
@@ -47,13 +64,19 @@ struct URLRequest {
   CachePolicy cachePolicy = CachePolicy::useProtocolCachePolicy;
   /// Hint between 0 and 1; a running task's priority can be raised.
   float priority = 0.5f;
-  /// The load fails with `dataLengthExceedsMaximum` as soon as the body grows past this.
-  std::optional<std::size_t> maxResponseBytes;
+  /// The transfer stops as soon as the body grows past this; `responseOverflow` says what
+  /// the caller then gets. None: no limit at all (only for a caller that streams nowhere
+  /// near memory, which no caller here does).
+  std::optional<std::size_t> maxResponseBytes = kDefaultMaxResponseBytes;
+  ResponseOverflow responseOverflow = ResponseOverflow::fail;
 
   /// A request for `url`; throws `invalidURLError()` when the text is not a URL.
   static URLRequest make(std::string_view url);
 
-  /// Adds a header field (never replaces one already there).
+  /// Adds a header field (never replaces one already there). Throws `platform::Error`
+  /// (`url_error::badURL`) when the field or value holds CR, LF or NUL: such a value would
+  /// put lines of its own into the request. A header put into `headers` directly is checked
+  /// the same way when the load starts, and the load fails before anything is sent.
   void addValue(std::string value, std::string field);
   /// The first value of a header field, compared without case.
   std::optional<std::string> value(std::string_view field) const;
@@ -64,6 +87,8 @@ struct URLResponse {
   /// None for a load that is not HTTP (a `file://` URL).
   std::optional<long> statusCode;
   HeaderFields headers;
+  /// The body was cut at the request's limit (`ResponseOverflow::truncate`).
+  bool truncated = false;
   std::optional<std::string> value(std::string_view field) const;
   /// The content type without parameters, lower-cased ("image/jpeg").
   std::string mimeType() const;

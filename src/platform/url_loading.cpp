@@ -10,6 +10,7 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <charconv>
+#include <cstring>
 #include <condition_variable>
 #include <future>
 #include <mutex>
@@ -67,6 +68,34 @@ Error translate(CURLcode code, const char* detail, const std::string& url) {
   }
 }
 
+// CR and LF end a header line, and curl stops at NUL: any of them in a field or value would
+// let the text write request lines of its own.
+std::optional<Error> headerProblem(std::string_view field, std::string_view value,
+                                   const std::string& url) {
+  constexpr std::string_view kBreaks("\r\n\0", 3);
+  if (field.find_first_of(kBreaks) == std::string_view::npos &&
+      value.find_first_of(kBreaks) == std::string_view::npos)
+    return std::nullopt;
+  return urlError(url_error::badURL,
+                  "The header field \"" + std::string(field.substr(0, field.find_first_of(kBreaks))) +
+                      "\" holds a line break or NUL, which would add lines to the request; "
+                      "nothing was sent.",
+                  url);
+}
+
+// Methods that a server may see twice without harm, which curl may therefore send again on a
+// fresh connection when a kept-alive one died under it.
+bool isRepeatable(std::string_view method) {
+  return method == "GET" || method == "HEAD" || method == "PUT" || method == "DELETE" ||
+         method == "OPTIONS";
+}
+
+bool isMethodToken(std::string_view method) {
+  return !method.empty() && std::ranges::all_of(method, [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_';
+  });
+}
+
 struct CurlGlobal {
   CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 };
@@ -83,6 +112,7 @@ URLRequest URLRequest::make(std::string_view url) {
 }
 
 void URLRequest::addValue(std::string value, std::string field) {
+  if (auto problem = headerProblem(field, value, url)) throw std::move(*problem);
   headers.emplace_back(std::move(field), std::move(value));
 }
 
@@ -110,6 +140,9 @@ URLSessionConfiguration URLSessionConfiguration::defaultConfiguration() {
 // talks to it through a command queue and a wake-up.
 
 class CurlTask;
+
+// Far beyond any real response's headers; a server that sends more is not one to listen to.
+constexpr std::size_t kMaxHeaderBytes = 256 * 1024;
 
 struct URLSession::Loader : std::enable_shared_from_this<URLSession::Loader> {
   CURLM* multi = nullptr;
@@ -173,6 +206,10 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
       complete(std::move(*answered));
       return;
     }
+    if (auto problem = requestProblem()) {
+      fail(std::move(*problem));
+      return;
+    }
     auto loader = loader_.lock();
     if (!loader) {
       fail(urlError(url_error::cancelled, "cancelled", request_.url));
@@ -219,14 +256,42 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
 
   // Runs on the loader thread, once curl is done with the handle.
   void finished(CURLcode code) {
-    if (code == CURLE_OK) {
+    if (code == CURLE_OK || (code == CURLE_WRITE_ERROR && truncated_)) {
       long status = 0;
       curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
       char* effective = nullptr;
       curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
       URLResponse response{effective ? effective : request_.url, std::nullopt, std::move(headers_)};
       if (status != 0) response.statusCode = status;
+      response.truncated = truncated_;
       complete(DataResult{std::move(body_), std::move(response)});
+      return;
+    }
+    if (refusedRedirect_) {
+      fail(urlError(url_error::badServerResponse,
+                    "The server answered the " + request_.method + " with " +
+                        std::to_string(refusedRedirect_) + " and a redirect to " + location_ +
+                        "; following it would drop the request's body, so it was not followed.",
+                    request_.url));
+      return;
+    }
+    if (outOfMemory_) {
+      fail(urlError(url_error::cannotWriteToFile,
+                    "There was not enough memory to hold the response.", request_.url));
+      return;
+    }
+    if (headersTooLarge_) {
+      fail(urlError(url_error::badServerResponse,
+                    "The response's headers are larger than " +
+                        std::to_string(kMaxHeaderBytes) + " bytes.",
+                    request_.url));
+      return;
+    }
+    if (code == CURLE_SEND_FAIL_REWIND && replayRefused_) {
+      fail(urlError(url_error::networkConnectionLost,
+                    "The network connection was lost after the " + request_.method +
+                        " may have reached the server; it was not sent again.",
+                    request_.url));
       return;
     }
     if (code == CURLE_WRITE_ERROR && tooLarge_) {
@@ -262,6 +327,18 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     return std::nullopt;
   }
 
+  // A method or header that would corrupt the request on the wire; checked before any byte
+  // is sent, whoever filled the request.
+  std::optional<Error> requestProblem() const {
+    if (!isMethodToken(request_.method))
+      return urlError(url_error::badURL,
+                      "The method \"" + request_.method + "\" is not an HTTP method token.",
+                      request_.url);
+    for (const auto& [field, value] : request_.headers)
+      if (auto problem = headerProblem(field, value, request_.url)) return problem;
+    return std::nullopt;
+  }
+
   void configure() {
     curl_easy_setopt(easy_, CURLOPT_URL, request_.url.c_str());
     curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
@@ -281,17 +358,24 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     curl_easy_setopt(easy_, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy_, CURLOPT_STREAM_WEIGHT, static_cast<long>(1 + priority_ * 255));
 
-    if (request_.method == "GET") {
+    if (request_.body) {
+      // The body goes through a read callback rather than as post fields: curl must then ask
+      // before it sends the body a second time, and `onSeek` can say no.
+      curl_easy_setopt(easy_, CURLOPT_POST, 1L);
+      curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE,
+                       static_cast<curl_off_t>(request_.body->size()));
+      curl_easy_setopt(easy_, CURLOPT_READFUNCTION, &CurlTask::onRead);
+      curl_easy_setopt(easy_, CURLOPT_READDATA, this);
+      curl_easy_setopt(easy_, CURLOPT_SEEKFUNCTION, &CurlTask::onSeek);
+      curl_easy_setopt(easy_, CURLOPT_SEEKDATA, this);
+      if (request_.method != "POST")
+        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
+    } else if (request_.method == "GET") {
       curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
     } else if (request_.method == "HEAD") {
       curl_easy_setopt(easy_, CURLOPT_NOBODY, 1L);
     } else {
       curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
-    }
-    if (request_.body) {
-      curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, request_.body->data());
-      curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE,
-                       static_cast<curl_off_t>(request_.body->size()));
     }
     // Exactly the headers the caller added: curl's own Accept, Expect and form
     // Content-Type are switched off unless the caller set them.
@@ -305,34 +389,102 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     lastActivity_ = std::chrono::steady_clock::now();
   }
 
+  // curl's callbacks are C: nothing may be thrown through them. A failure is noted and the
+  // transfer stopped (returning less than was handed over), and `finished` says why.
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self) {
     auto* task = static_cast<CurlTask*>(self);
     const auto n = size * count;
     task->lastActivity_ = std::chrono::steady_clock::now();
-    if (task->request_.maxResponseBytes &&
-        task->body_.size() + n > *task->request_.maxResponseBytes) {
-      task->tooLarge_ = true;
+    const auto& limit = task->request_.maxResponseBytes;
+    if (limit && task->body_.size() + n > *limit) {
+      if (task->request_.responseOverflow == ResponseOverflow::truncate) {
+        task->append(data, *limit - task->body_.size());
+        task->truncated_ = !task->outOfMemory_;
+      } else {
+        task->tooLarge_ = true;
+      }
       return 0;
     }
-    task->body_.append(data, n);
-    return n;
+    return task->append(data, n) ? n : 0;
+  }
+
+  bool append(const char* data, std::size_t n) {
+    try {
+      body_.append(data, n);
+      return true;
+    } catch (const std::exception&) {
+      outOfMemory_ = true;
+      return false;
+    }
   }
 
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self) {
     auto* task = static_cast<CurlTask*>(self);
     const auto n = size * count;
     task->lastActivity_ = std::chrono::steady_clock::now();
-    std::string_view line(data, n);
+    task->headerBytes_ += n;
+    if (task->headerBytes_ > kMaxHeaderBytes) {
+      task->headersTooLarge_ = true;
+      return 0;
+    }
+    try {
+      return task->takeHeader(std::string_view(data, n)) ? n : 0;
+    } catch (const std::exception&) {
+      task->outOfMemory_ = true;
+      return 0;
+    }
+  }
+
+  // False stops the transfer: a redirect that would drop the body is not followed.
+  bool takeHeader(std::string_view line) {
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
     if (line.starts_with("HTTP/")) {
-      task->headers_.clear();  // a new response (after a redirect or a 100 Continue)
+      headers_.clear();  // a new response (after a redirect or a 100 Continue)
+      location_.clear();
+      answered_ = true;
+      status_ = 0;
+      if (auto space = line.find(' '); space != std::string_view::npos) {
+        const auto code = line.substr(space + 1, 3);
+        std::from_chars(code.data(), code.data() + code.size(), status_);
+      }
     } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
       auto value = line.substr(colon + 1);
       while (!value.empty() && value.front() == ' ') value.remove_prefix(1);
-      if (equalsIgnoringCase(line.substr(0, colon), "Content-Length")) task->reserveBody(value);
-      task->headers_.emplace_back(std::string(line.substr(0, colon)), std::string(value));
+      const auto field = line.substr(0, colon);
+      if (equalsIgnoringCase(field, "Content-Length")) reserveBody(value);
+      if (equalsIgnoringCase(field, "Location")) location_ = std::string(value);
+      headers_.emplace_back(std::string(field), std::string(value));
+    } else if (line.empty() && !location_.empty() && request_.method != "GET" &&
+               request_.method != "HEAD" && (status_ == 301 || status_ == 302 || status_ == 303)) {
+      // curl would follow these as a GET without the body.
+      refusedRedirect_ = status_;
+      return false;
     }
+    return true;
+  }
+
+  static std::size_t onRead(char* buffer, std::size_t size, std::size_t count, void* self) {
+    auto* task = static_cast<CurlTask*>(self);
+    const std::string& body = *task->request_.body;
+    const auto n = std::min(size * count, body.size() - task->bodyOffset_);
+    std::memcpy(buffer, body.data() + task->bodyOffset_, n);
+    task->bodyOffset_ += n;
+    task->answered_ = false;
     return n;
+  }
+
+  // curl rewinds the body to send it again: after a redirect that keeps it (307, 308), or
+  // when a kept-alive connection died before any answer. The second would make the server
+  // see the request twice, which only a repeatable method may.
+  static int onSeek(void* self, curl_off_t offset, int origin) {
+    auto* task = static_cast<CurlTask*>(self);
+    if (offset != 0 || origin != SEEK_SET) return CURL_SEEKFUNC_CANTSEEK;
+    if (task->bodyOffset_ != 0 && !task->answered_ && !isRepeatable(task->request_.method)) {
+      task->replayRefused_ = true;
+      return CURL_SEEKFUNC_FAIL;
+    }
+    task->bodyOffset_ = 0;
+    return CURL_SEEKFUNC_OK;
   }
 
   // A body that grows by doubling touches about twice its size and copies itself on the way;
@@ -357,16 +509,26 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     return 0;
   }
 
+  // A completion runs on the loader thread (or the caller's, for a load that never
+  // started); whatever it throws stays here, where nobody could catch it.
   void complete(DataResult result) {
     if (finished_.exchange(true)) return;
     auto completion = std::move(completion_);
-    if (completion) completion(std::move(result.data), std::move(result.response), std::nullopt);
+    if (!completion) return;
+    try {
+      completion(std::move(result.data), std::move(result.response), std::nullopt);
+    } catch (...) {
+    }
   }
 
   void fail(Error error) {
     if (finished_.exchange(true)) return;
     auto completion = std::move(completion_);
-    if (completion) completion({}, std::nullopt, std::move(error));
+    if (!completion) return;
+    try {
+      completion({}, std::nullopt, std::move(error));
+    } catch (...) {
+    }
   }
 
   std::weak_ptr<URLSession::Loader> loader_;
@@ -381,7 +543,17 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
   char errorBuffer_[CURL_ERROR_SIZE] = {};
   std::string body_;
   HeaderFields headers_;
+  std::size_t headerBytes_ = 0;
+  std::size_t bodyOffset_ = 0;  // of the request body, as read by curl
+  int status_ = 0;              // of the response whose headers are arriving
+  std::string location_;
+  bool answered_ = false;  // a status line came since the body was last read
   bool tooLarge_ = false;
+  bool truncated_ = false;
+  bool outOfMemory_ = false;
+  bool headersTooLarge_ = false;
+  bool replayRefused_ = false;
+  int refusedRedirect_ = 0;
   bool idle_ = false;
   std::chrono::steady_clock::time_point lastActivity_;
 };
@@ -393,7 +565,13 @@ void URLSession::Loader::loop() {
       std::lock_guard lock(mutex);
       pending.swap(commands);
     }
-    for (auto& command : pending) command();
+    for (auto& command : pending) {
+      try {
+        command();
+      } catch (...) {
+        // A command that could not run (no memory for a handle) must not end the loader.
+      }
+    }
 
     int active = 0;
     curl_multi_perform(multi, &active);

@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <thread>
 
 #include "platform/executor.hpp"
@@ -17,6 +19,7 @@ using namespace std::chrono_literals;
 using platform::URLRequest;
 using platform::URLSession;
 using testing_support::HttpServer;
+using testing_support::RecordedRequest;
 using testing_support::ScriptedResponse;
 
 TEST(URLLoading, SendsExactlyTheHeadersAddedInOrderWithMethodAndBody) {
@@ -107,16 +110,120 @@ TEST(URLLoading, FailuresAreClearPlatformErrors) {
   }
 }
 
-TEST(URLLoading, StopsAsSoonAsTheBodyPassesItsLimit) {
-  HttpServer server([](const auto&) { return ScriptedResponse{200, {}, std::string(64 * 1024, 'x')}; });
-  auto request = URLRequest::make(server.baseURL() + "/big");
-  request.maxResponseBytes = 1000;
+platform::Error loadError(URLRequest request) {
   try {
-    URLSession::shared().dataSync(request);
-    FAIL();
+    URLSession::shared().dataSync(std::move(request));
   } catch (const platform::Error& e) {
-    EXPECT_EQ(e.code(), platform::url_error::dataLengthExceedsMaximum);
+    return e;
   }
+  ADD_FAILURE() << "the load succeeded";
+  return platform::Error("", 0, "");
+}
+
+TEST(URLLoading, EveryBodyHasALimitAndStopsAsSoonAsItPassesIt) {
+  HttpServer server([](const RecordedRequest& r) {
+    if (r.target == "/endless") return ScriptedResponse{.endless = true};
+    return ScriptedResponse{200, {}, std::string(64 * 1024, 'x')};
+  });
+  auto big = URLRequest::make(server.baseURL() + "/big");
+  big.maxResponseBytes = 1000;
+  EXPECT_EQ(loadError(big).code(), platform::url_error::dataLengthExceedsMaximum);
+
+  // A body that never ends, and a file that never ends, meet the default limit.
+  auto endless = URLRequest::make(server.baseURL() + "/endless");
+  ASSERT_EQ(endless.maxResponseBytes, platform::kDefaultMaxResponseBytes);
+  EXPECT_EQ(loadError(endless).code(), platform::url_error::dataLengthExceedsMaximum);
+  EXPECT_EQ(loadError(URLRequest::make("file:///dev/zero")).code(),
+            platform::url_error::dataLengthExceedsMaximum);
+
+  // A caller who wants only the start of the body gets it, status and all.
+  endless.maxResponseBytes = 4096;
+  endless.responseOverflow = platform::ResponseOverflow::truncate;
+  const auto start = URLSession::shared().dataSync(endless);
+  EXPECT_EQ(start.data, std::string(4096, 'x'));
+  EXPECT_EQ(start.response.statusCode, 200);
+  EXPECT_TRUE(start.response.truncated);
+}
+
+// The server reads each request and drops the kept-alive connection instead of answering the
+// first time it sees a path; it answers the second time.
+TEST(URLLoading, ARequestWhoseBodyMayHaveBeenReadIsNeverSentTwice) {
+  std::mutex mutex;
+  std::map<std::string, int> seen;
+  HttpServer server([&](const RecordedRequest& r) {
+    std::lock_guard lock(mutex);
+    if (r.target != "/warm" && seen[r.method + r.target]++ == 0)
+      return ScriptedResponse{.dropConnection = true};
+    return ScriptedResponse{200, {}, "ok"};
+  });
+  auto load = [&](const std::string& method, const std::string& path) {
+    URLSession::shared().dataSync(URLRequest::make(server.baseURL() + "/warm"));
+    auto request = URLRequest::make(server.baseURL() + path);
+    request.method = method;
+    if (method != "GET") request.body = R"({"event":"DELIVERED"})";
+    return URLSession::shared().dataSync(request);
+  };
+
+  try {
+    load("POST", "/track");
+    ADD_FAILURE() << "the POST was answered";
+  } catch (const platform::Error& e) {
+    EXPECT_EQ(e.code(), platform::url_error::networkConnectionLost) << e.what();
+  }
+  // Requests that may be repeated are, on a fresh connection.
+  EXPECT_EQ(load("GET", "/again").data, "ok");
+  EXPECT_EQ(load("PUT", "/token").data, "ok");
+
+  std::vector<std::string> wire;
+  for (const auto& r : server.requests())
+    if (r.target != "/warm") wire.push_back(r.method + " " + r.target);
+  EXPECT_EQ(wire, (std::vector<std::string>{"POST /track", "GET /again", "GET /again",
+                                            "PUT /token", "PUT /token"}));
+  EXPECT_EQ(server.requests().back().body, R"({"event":"DELIVERED"})");
+}
+
+TEST(URLLoading, APostFollows307And308WithItsBodyAndRefusesTheRedirectsThatDropIt) {
+  HttpServer server([](const RecordedRequest& r) {
+    if (r.target.starts_with("/moved/"))
+      return ScriptedResponse{std::stoi(r.target.substr(7)), {{"Location", "/target"}}, ""};
+    return ScriptedResponse{200, {}, r.method + " " + r.body};
+  });
+  auto post = [&](int status) {
+    auto request = URLRequest::make(server.baseURL() + "/moved/" + std::to_string(status));
+    request.method = "POST";
+    request.body = R"({"event":"CLICKED"})";
+    return request;
+  };
+  for (int status : {307, 308})
+    EXPECT_EQ(URLSession::shared().dataSync(post(status)).data, R"(POST {"event":"CLICKED"})");
+  for (int status : {301, 302, 303}) {
+    const auto error = loadError(post(status));
+    EXPECT_EQ(error.code(), platform::url_error::badServerResponse);
+    EXPECT_NE(std::string(error.what()).find(std::to_string(status)), std::string::npos)
+        << error.what();
+    EXPECT_NE(std::string(error.what()).find("/target"), std::string::npos) << error.what();
+  }
+  // A GET simply follows.
+  EXPECT_EQ(URLSession::shared().dataSync(URLRequest::make(server.baseURL() + "/moved/302")).data,
+            "GET ");
+  std::size_t targets = 0;
+  for (const auto& r : server.requests()) targets += r.target == "/target";
+  EXPECT_EQ(targets, 3u);
+}
+
+TEST(URLLoading, AHeaderWithALineBreakIsRefusedBeforeAnythingIsSent) {
+  HttpServer server;
+  auto request = URLRequest::make(server.baseURL() + "/");
+  for (const std::string& evil : std::vector<std::string>{"a\r\nX-Injected: 1", "a\nb", "a\rb", std::string("a\0b", 3)}) {
+    EXPECT_THROW(request.addValue(evil, "Authorization"), platform::Error);
+    EXPECT_THROW(request.addValue("v", evil), platform::Error);
+  }
+  EXPECT_TRUE(request.headers.empty());
+  request.headers.emplace_back("x-herald-user-id", "u\r\nX-Injected: 1");
+  const auto error = loadError(request);
+  EXPECT_EQ(error.code(), platform::url_error::badURL);
+  EXPECT_NE(std::string(error.what()).find("x-herald-user-id"), std::string::npos) << error.what();
+  EXPECT_TRUE(server.requests().empty());
 }
 
 TEST(URLLoading, CancellingATaskCompletesItOnceWithCancelled) {

@@ -30,6 +30,11 @@ const char* reason(int status) {
   switch (status) {
     case 200: return "OK";
     case 204: return "No Content";
+    case 301: return "Moved Permanently";
+    case 302: return "Found";
+    case 303: return "See Other";
+    case 307: return "Temporary Redirect";
+    case 308: return "Permanent Redirect";
     case 400: return "Bad Request";
     case 401: return "Unauthorized";
     case 404: return "Not Found";
@@ -157,6 +162,20 @@ void HttpServer::serve(int fd) {
     arrived_.notify_all();
     ScriptedResponse response = handler ? handler(request) : ScriptedResponse{};
     if (response.delay.count() > 0) std::this_thread::sleep_for(response.delay);
+    if (response.dropConnection) {
+      ::shutdown(fd, SHUT_RDWR);
+      return;
+    }
+    if (response.endless) {
+      std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " +
+                         reason(response.status) + "\r\nConnection: close\r\n\r\n";
+      sendAll(fd, head);
+      const std::string piece = response.body.empty() ? std::string(64 * 1024, 'x') : response.body;
+      for (std::size_t sent = 0; sent < (std::size_t{4} << 30); sent += piece.size())
+        if (::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL) <= 0) break;
+      ::shutdown(fd, SHUT_RDWR);
+      return;
+    }
 
     std::string out = "HTTP/1.1 " + std::to_string(response.status) + " " + reason(response.status) + "\r\n";
     for (const auto& [k, v] : response.headers) out += k + ": " + v + "\r\n";

@@ -30,6 +30,12 @@ struct ScriptedResponse {
   std::chrono::milliseconds delay{0};
   /// Announce the whole body but close after this many bytes (a cut-short response).
   std::optional<std::size_t> truncateAfter;
+  /// Close the connection without answering, after the whole request was read (a server
+  /// that drops a kept-alive connection).
+  bool dropConnection = false;
+  /// After the headers, send `body` again and again, without a length, until the client
+  /// goes away (bounded at a few gigabytes).
+  bool endless = false;
 };
 
 class HttpServer {
