@@ -22,6 +22,10 @@
 
 namespace herald {
 
+/// The largest response body the client takes from the service; a larger one fails the call
+/// with `platform::url_error::dataLengthExceedsMaximum`. Hundreds of times a full inbox page.
+inline constexpr std::size_t kMaxServiceResponseBytes = 16 << 20;
+
 /// The body of every GraphQL request. `variables` is sent as the JSON *string* "{}", not as
 /// an object; the service accepts that.
 struct HeraldGraphQLQuery {
@@ -43,6 +47,9 @@ class HeraldApiClient {
 
   const Options& options() const { return options_; }
 
+  /// Every builder throws `platform::Error` (`url_error::badURL`) when a credential or the
+  /// user id holds CR, LF or NUL, before anything is sent.
+  ///
   /// REST: `method` and, when there is a jwt, "Authorization: Bearer …"; never the client
   /// key or the user id. Then "User-Agent" and "Content-Type: application/json". Throws
   /// `platform::Error` ("Invalid URL", -1) for a text that is not a URL.

@@ -8,6 +8,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace herald {
 
@@ -32,6 +33,13 @@ class HeraldError : public std::exception {
   /// Wraps whatever `error` holds (an exception that is not a `std::exception` gives code 1,
   /// message "Unknown Error"). `error` must not be null.
   static HeraldError from(std::exception_ptr error);
+
+  /// What a refused request becomes: `status` as the code, and the body's "message" and
+  /// "type" when the body is a JSON object holding them as strings ("Unknown Error" and no
+  /// type otherwise; any body, however malformed, gives an error).
+  ///
+  ///   HeraldError::fromResponse(401, R"({"message":"Bad token","type":"auth"})");
+  static HeraldError fromResponse(long status, std::string_view body);
 
   /// Raised when an operation needs a signed-in user: 404, "No user signed in",
   /// "authentication_error".

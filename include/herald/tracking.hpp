@@ -54,6 +54,10 @@ void tag_invoke(boost::json::value_from_tag, boost::json::value& json,
 HeraldTrackingIds tag_invoke(boost::json::value_to_tag<HeraldTrackingIds>,
                              const boost::json::value& json);
 
+/// How much of a tracking answer is read: only its status counts, so a longer body (or an
+/// endless one) is cut there and the rest discarded.
+inline constexpr std::size_t kMaxTrackingResponseBytes = 4096;
+
 class TrackingClient : public HeraldApiClient {
  public:
   using HeraldApiClient::HeraldApiClient;
@@ -61,6 +65,9 @@ class TrackingClient : public HeraldApiClient {
   /// POSTs {"event": "<wire value>"} to `url` with "User-Agent" and "Content-Type" only (the
   /// URL itself names message and recipient). Only 200 is accepted; throws `HeraldError`
   /// for any other status and `platform::Error` for an invalid URL or a transport failure.
+  /// The report is sent at most once: a connection lost after the server may have read it
+  /// is a failure, not a reason to send it again. A 307 or 308 is followed with the body;
+  /// a 301, 302 or 303 fails.
   boost::asio::awaitable<void> postTrackingUrl(std::string url, HeraldTrackingEvent event) const;
 };
 

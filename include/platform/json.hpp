@@ -7,6 +7,7 @@
 ///   std::string page = platform::toJSON(v, platform::JSONStyle::pretty);
 
 #include <boost/json/value.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -36,7 +37,18 @@ class JSONSyntaxError : public std::runtime_error {
 /// What kind of value this is, for error messages: "a string", "an integer", "null", …
 std::string describeJSONKind(const boost::json::value& value);
 
-/// Parses a whole JSON text; a syntax error names the reason with its line and column.
+/// How deep arrays and objects may nest in any JSON text this program parses. Deep enough
+/// for any real payload (a 4 KB push holds nothing near it) and shallow enough that the
+/// recursive walks over a parsed value (writing, comparing, destroying) cannot exhaust a
+/// thread's stack.
+inline constexpr std::size_t kMaxJSONDepth = 512;
+
+/// Parses a whole JSON text, nested at most `kMaxJSONDepth` deep; a syntax error names the
+/// reason with its line and column.
 boost::json::value parseJSON(std::string_view text);
+
+/// The same parse for texts that may well not be JSON (a response body): no value instead
+/// of an exception.
+std::optional<boost::json::value> tryParseJSON(std::string_view text);
 
 }  // namespace platform

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <boost/json/object.hpp>
-#include <boost/json/parse.hpp>
 
 #include "herald/herald_agent.hpp"
 #include "herald/herald_error.hpp"
@@ -25,15 +24,15 @@ platform::URLRequest newRequest(std::string_view url) {
   auto request = platform::URLRequest::make(url);
   request.cachePolicy = platform::CachePolicy::useProtocolCachePolicy;
   request.timeout = std::chrono::seconds(60);
+  request.maxResponseBytes = kMaxServiceResponseBytes;
   return request;
 }
 
 // A body as a person reads it in the log: JSON (any value, not only objects) pretty-printed,
 // anything else as it came.
 std::string renderBody(const std::string& body) {
-  boost::system::error_code ec;
-  auto value = boost::json::parse(body, ec);
-  std::string text = ec ? body : platform::toJSON(value, platform::JSONStyle::pretty);
+  auto value = platform::tryParseJSON(body);
+  std::string text = value ? platform::toJSON(*value, platform::JSONStyle::pretty) : body;
   return text.empty() ? "Empty" : text;
 }
 
@@ -47,23 +46,6 @@ std::string describeRequest(const platform::URLRequest& request) {
   }
   if (request.body) text += "\nBody: " + renderBody(*request.body);
   return text;
-}
-
-HeraldError refusal(long status, const std::string& body) {
-  std::string message = "Unknown Error";
-  std::optional<std::string> type;
-  boost::system::error_code ec;
-  auto value = boost::json::parse(body, ec);
-  if (!ec && value.is_object()) {
-    const auto& object = value.get_object();
-    if (auto* m = object.if_contains("message"); m && m->is_string()) {
-      message = std::string(m->get_string());
-    }
-    if (auto* t = object.if_contains("type"); t && t->is_string()) {
-      type = std::string(t->get_string());
-    }
-  }
-  return HeraldError(status, std::move(message), std::move(type));
 }
 
 }  // namespace
@@ -133,7 +115,7 @@ boost::asio::awaitable<std::string> HeraldApiClient::sendRequest(
   if (std::find(acceptedCodes.begin(), acceptedCodes.end(), status) != acceptedCodes.end()) {
     co_return std::move(result.data);
   }
-  throw refusal(status, result.data);
+  throw HeraldError::fromResponse(status, result.data);
 }
 
 }  // namespace herald

@@ -1,6 +1,7 @@
 #include "herald/herald_error.hpp"
 
 #include "platform/error.hpp"
+#include "platform/json.hpp"
 
 namespace herald {
 
@@ -31,6 +32,21 @@ HeraldError HeraldError::from(std::exception_ptr error) {
   } catch (...) {
     return HeraldError(1, "Unknown Error");
   }
+}
+
+HeraldError HeraldError::fromResponse(long status, std::string_view body) {
+  std::string message = "Unknown Error";
+  std::optional<std::string> type;
+  if (auto value = platform::tryParseJSON(body); value && value->is_object()) {
+    const auto& object = value->get_object();
+    if (auto* m = object.if_contains("message"); m && m->is_string()) {
+      message = std::string(m->get_string());
+    }
+    if (auto* t = object.if_contains("type"); t && t->is_string()) {
+      type = std::string(t->get_string());
+    }
+  }
+  return HeraldError(status, std::move(message), std::move(type));
 }
 
 HeraldError HeraldError::noUserSignedIn() {

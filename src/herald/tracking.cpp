@@ -88,6 +88,9 @@ boost::asio::awaitable<void> TrackingClient::postTrackingUrl(std::string url,
     r.method = "POST";
     r.body = platform::toJSON(boost::json::object{{"event", toString(event)}});
   });
+  // Only the status counts; the start of the body is kept for the log, the rest is not read.
+  request.maxResponseBytes = kMaxTrackingResponseBytes;
+  request.responseOverflow = platform::ResponseOverflow::truncate;
   const std::vector<int> accepted{200};
   co_await sendRequest(std::move(request), accepted);
 }

@@ -138,7 +138,9 @@ JSONSyntaxError::JSONSyntaxError(std::string reason, std::size_t offset, std::si
       column_(column) {}
 
 boost::json::value parseJSON(std::string_view text) {
-  boost::json::stream_parser parser;
+  boost::json::parse_options options;
+  options.max_depth = kMaxJSONDepth;
+  boost::json::stream_parser parser({}, options);
   boost::system::error_code ec;
   std::size_t consumed = parser.write_some(text.data(), text.size(), ec);
   if (!ec && consumed < text.size()) {
@@ -161,9 +163,20 @@ boost::json::value parseJSON(std::string_view text) {
         ++column;
       }
     }
-    throw JSONSyntaxError(ec.message(), consumed, line, column);
+    std::string reason = ec == boost::json::error::too_deep
+                             ? "nested deeper than " + std::to_string(kMaxJSONDepth) + " levels"
+                             : ec.message();
+    throw JSONSyntaxError(std::move(reason), consumed, line, column);
   }
   return parser.release();
+}
+
+std::optional<boost::json::value> tryParseJSON(std::string_view text) {
+  try {
+    return parseJSON(text);
+  } catch (const JSONSyntaxError&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "herald/endpoints.hpp"
 #include "herald/herald_agent.hpp"
@@ -108,6 +109,39 @@ TEST(RequestFrame, RefusalsTakeMessageAndTypeOnlyWhenTheyAreStrings) {
   EXPECT_EQ(refused({400, {}, R"({"message":42,"type":"invalid_request_error"})"}),
             HeraldError(400, "Unknown Error", "invalid_request_error"));
   EXPECT_EQ(refused({502, {}, "<html>Bad gateway</html>"}), HeraldError(502, "Unknown Error"));
+  // Deep nesting elsewhere in the body does not hide the message.
+  const std::string deep = std::string(100, '[') + std::string(100, ']');
+  EXPECT_EQ(refused({422, {}, R"({"detail":)" + deep + R"(,"message":"Too deep?","type":"t"})"}),
+            HeraldError(422, "Too deep?", "t"));
+  // A body far larger than any answer of the service is an error of its own.
+  try {
+    refused({500, {}, std::string(herald::kMaxServiceResponseBytes + 1, ' ')});
+    ADD_FAILURE() << "an oversized body was taken";
+  } catch (const platform::Error& e) {
+    EXPECT_EQ(e.code(), platform::url_error::dataLengthExceedsMaximum);
+  }
+}
+
+TEST(RequestFrame, CredentialsWithLineBreaksAreRefusedBeforeAnythingIsSent) {
+  HttpServer server;
+  const std::string url = server.baseURL() + "/client/q";
+  auto refusedHeader = [&](const std::function<void()>& build) {
+    try {
+      build();
+    } catch (const platform::Error& e) {
+      return std::string(e.what());
+    }
+    return std::string("accepted");
+  };
+  const auto badJwt = client("jwt\r\nX-Admin: true", std::nullopt);
+  EXPECT_NE(refusedHeader([&] { badJwt.makeRequest(url, "GET"); }).find("\"Authorization\""),
+            std::string::npos);
+  EXPECT_NE(refusedHeader([&] { badJwt.makeGraphQLRequest(url, {"q"}); }).find("Authorization"),
+            std::string::npos);
+  const HeraldApiClient badUser({std::nullopt, "key", "u\nX-Admin: true", "C", std::nullopt, false});
+  EXPECT_NE(refusedHeader([&] { badUser.makeGraphQLRequest(url, {"q"}); }).find("x-herald-user-id"),
+            std::string::npos);
+  EXPECT_TRUE(server.requests().empty());
 }
 
 TEST(RequestFrame, InvalidURLsFailBeforeSendingAndANonHttpLoadIs420) {

@@ -33,6 +33,24 @@ TEST(JSON, SyntaxErrorsSayWhere) {
   }
   EXPECT_THROW(platform::parseJSON("{} {}"), platform::JSONSyntaxError);
   EXPECT_THROW(platform::parseJSON(""), platform::JSONSyntaxError);
+  EXPECT_FALSE(platform::tryParseJSON("{\"a\": }"));
+}
+
+TEST(JSON, NestingIsAllowedUpToTheStatedDepth) {
+  auto nested = [](std::size_t depth) {
+    std::string text;
+    for (std::size_t i = 0; i < depth; ++i) text += i % 2 ? "[" : "{\"k\":";
+    for (std::size_t i = depth; i-- > 0;) text += i % 2 ? "]" : "}";
+    return text;
+  };
+  const auto deepest = nested(platform::kMaxJSONDepth);
+  EXPECT_EQ(platform::toJSON(platform::parseJSON(deepest)), deepest);
+  try {
+    platform::parseJSON(nested(platform::kMaxJSONDepth + 1));
+    FAIL();
+  } catch (const platform::JSONSyntaxError& e) {
+    EXPECT_EQ(e.reason(), "nested deeper than 512 levels");
+  }
 }
 
 TEST(MainQueue, RunsPostedWorkInOrderAndSkipsCancelledItems) {
