@@ -58,6 +58,9 @@ struct Server::Impl {
   ServerOptions options;
   net::io_context io{1};
   tcp::acceptor acceptor{io};
+  // Taken over at construction, before the caller prints the URL: a SIGTERM sent as soon as
+  // the URL is read must find the handler in place (asio keeps it until run() waits).
+  net::signal_set signals{io, SIGINT, SIGTERM};
 
   Impl(const Router& r, Journal& j, ServerOptions o) : router(r), journal(j), options(o) {}
 
@@ -165,8 +168,7 @@ std::string Server::baseURL() const {
 }
 
 void Server::run() {
-  net::signal_set signals(impl_->io, SIGINT, SIGTERM);
-  signals.async_wait([this](const boost::system::error_code&, int) { impl_->io.stop(); });
+  impl_->signals.async_wait([this](const boost::system::error_code&, int) { impl_->io.stop(); });
   net::co_spawn(impl_->io, impl_->accept(), net::detached);
   impl_->io.run();
 }

@@ -17,7 +17,9 @@ struct ServerOptions {
 
 class Server {
  public:
-  /// Binds 127.0.0.1:port at once; throws std::runtime_error when it cannot.
+  /// Binds 127.0.0.1:port and takes over SIGINT and SIGTERM at once (a signal that comes
+  /// before run() stops run() as soon as it starts); throws std::runtime_error when it
+  /// cannot bind.
   ///
   ///   sandbox::Server server(router, journal, {.port = 0});
   ///   std::cout << server.baseURL() << std::endl;
