@@ -33,7 +33,8 @@ Endpoints:
                                   "UNREAD"}: 200 {"tracked": EVENT}; any other body: 400
                                   {"message": "...", "type": "invalid_request_error"}
   GET    /files/<path>            a file below --files DIR, typed by its extension; a path
-                                  with ".." is refused (400)
+                                  with ".." is refused (400), and so is a symbolic link
+                                  that leads out of DIR (403)
   GET    /_sandbox/bytes/<N>.<ext> N made-up bytes typed by <ext>; images, video and audio
                                   start with a valid header, so attachment checks accept them
   GET    /_sandbox/requests       the journal: every request received outside /_sandbox/, as
@@ -97,11 +98,10 @@ int main(int argc, char** argv) {
 
   sandbox::Journal journal;
   sandbox::Router router;
-  sandbox::addTrackingRoutes(router);
-  sandbox::addFileRoutes(router, files);
-  sandbox::addSandboxRoutes(router, journal);
-
   try {
+    sandbox::addTrackingRoutes(router);
+    sandbox::addFileRoutes(router, files);
+    sandbox::addSandboxRoutes(router, journal);
     sandbox::Server server(router, journal, options);
     std::cout << server.baseURL() << std::endl;
     server.run();

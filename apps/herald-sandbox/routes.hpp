@@ -13,7 +13,9 @@ namespace sandbox {
 /// POST /track/<anything> with {"event": CLICKED | DELIVERED | OPENED | READ | UNREAD}.
 void addTrackingRoutes(Router& router);
 
-/// GET /files/<path>: the files under `root` (none: every such request is a 404).
+/// GET /files/<path>: the files under `root` (none: every such request is a 404). A symbolic
+/// link is followed only while it stays under `root`; one leading out is answered with 403.
+/// Throws std::filesystem::filesystem_error when `root` cannot be resolved.
 void addFileRoutes(Router& router, std::optional<std::filesystem::path> root);
 
 /// The sandbox's own routes: GET and DELETE /_sandbox/requests (the journal) and

@@ -57,6 +57,14 @@ TEST(Sandbox, TrackingTakesTheFiveEventsAndExplainsWhatIsWrongWithAnyOtherBody) 
   EXPECT_EQ(sandbox.stop(), 0);
 }
 
+// The URL line promises that SIGINT and SIGTERM are handled from then on.
+TEST(Sandbox, StopsCleanlyOnSigtermRightAfterItsURL) {
+  for (int start = 0; start < 20; ++start) {
+    Sandbox sandbox;
+    ASSERT_EQ(sandbox.stop(), 0) << "start " << start;
+  }
+}
+
 class SandboxFiles : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -95,6 +103,38 @@ TEST_F(SandboxFiles, ServesFilesByTypeButNothingOutsideTheRoot) {
     EXPECT_EQ(answer.find("\r\n\r\nsecret"), std::string::npos);
   }
   EXPECT_EQ(send(sandbox_->url() + "/files/media/none.txt").response.statusCode, 404);
+}
+
+// A link is judged by where it leads: within the folder it is served like the file it names,
+// out of it the answer is 403, whether the link names a file or a folder on the way.
+TEST_F(SandboxFiles, SymbolicLinksAreServedOnlyWhenTheyStayInsideTheFolder) {
+  namespace fs = std::filesystem;
+  const auto secret = root_.filename().string() + ".secret";
+  fs::create_symlink("note.txt", root_ / "media" / "alias.txt");
+  fs::create_directory_symlink("media", root_ / "inside");
+  fs::create_symlink("../../" + secret, root_ / "media" / "out.txt");
+  fs::create_symlink(root_.parent_path() / secret, root_ / "absolute.txt");
+  fs::create_directory_symlink("../..", root_ / "media" / "up");
+
+  for (const std::string path : {"/files/media/alias.txt", "/files/inside/note.txt"}) {
+    const auto file = send(sandbox_->url() + path);
+    EXPECT_EQ(file.response.statusCode, 200) << path;
+    EXPECT_EQ(file.data, "0123456789abcdefghij") << path;
+  }
+  const std::string outside[] = {"/files/media/out.txt", "/files/absolute.txt",
+                                 "/files/media/up/" + secret};
+  for (const auto& path : outside) {
+    const auto answer = raw(path);
+    EXPECT_TRUE(answer.starts_with("HTTP/1.1 403 ")) << path << "\n" << answer;
+    EXPECT_EQ(answer.find("\r\n\r\nsecret"), std::string::npos);
+  }
+
+  // The folder itself may be named through a link.
+  fs::create_directory_symlink(root_, root_.string() + ".link");
+  Sandbox linked({"--files", root_.string() + ".link"});
+  EXPECT_EQ(send(linked.url() + "/files/inside/note.txt").response.statusCode, 200);
+  EXPECT_EQ(send(linked.url() + "/files/media/out.txt").response.statusCode, 403);
+  fs::remove(root_.string() + ".link");
 }
 
 TEST_F(SandboxFiles, TroubleParametersBendAnyAnswer) {
