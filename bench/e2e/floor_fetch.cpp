@@ -7,8 +7,12 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 namespace {
+constexpr const char* kUsage =
+    "usage: e2e_floor_fetch URL     (one GET into memory; exit 0 on status 200)\n";
+
 size_t keep(char* data, size_t size, size_t count, void* body) {
   static_cast<std::string*>(body)->append(data, size * count);
   return size * count;
@@ -16,8 +20,14 @@ size_t keep(char* data, size_t size, size_t count, void* body) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: e2e_floor_fetch URL\n");
+  const std::string_view arg = argc == 2 ? argv[1] : "";
+  if (arg == "--help" || arg == "-h") {
+    std::printf("%s", kUsage);
+    return 0;
+  }
+  // Anything else that starts with "-" is a mistyped option, not a URL for libcurl to guess at.
+  if (argc != 2 || arg.starts_with('-')) {
+    std::fprintf(stderr, "%s", kUsage);
     return 2;
   }
   curl_global_init(CURL_GLOBAL_DEFAULT);

@@ -6,16 +6,26 @@
 #include <curl/curl.h>
 
 #include <cstdio>
+#include <string_view>
 
 namespace {
+constexpr const char* kUsage =
+    "usage: e2e_floor_post URL     (one POST of {\"event\":\"DELIVERED\"}; exit 0 on status 200)\n";
+
 size_t discard(char*, size_t size, size_t count, void*) {
   return size * count;
 }
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: e2e_floor_post URL\n");
+  const std::string_view arg = argc == 2 ? argv[1] : "";
+  if (arg == "--help" || arg == "-h") {
+    std::printf("%s", kUsage);
+    return 0;
+  }
+  // Anything else that starts with "-" is a mistyped option, not a URL for libcurl to guess at.
+  if (argc != 2 || arg.starts_with('-')) {
+    std::fprintf(stderr, "%s", kUsage);
     return 2;
   }
   curl_global_init(CURL_GLOBAL_DEFAULT);
