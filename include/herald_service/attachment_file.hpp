@@ -18,9 +18,9 @@ bool conformsToJPEG(std::string_view pathExtension);
 
 /// Writes `data` to `<temporary>/<process unique string>/<UUID>.<extension>` and makes a
 /// notification attachment of it whose identifier is the UUID. The file appears whole or not
-/// at all (written beside it, flushed to disk, then renamed), and the directory is kept for
-/// the system to read from. Throws `platform::Error` when the directory or the file cannot
-/// be written or the system refuses the attachment (type, size, contents).
+/// at all (written beside it, then renamed), and the directory is kept for the system to read
+/// from. Throws `platform::Error` when the directory or the file cannot be written or the
+/// system refuses the attachment (type, size, contents); a refused file is removed.
 platform::NotificationAttachment makeAttachment(std::string_view data, std::string_view extension,
                                                 boost::json::object options = {});
 

@@ -8,6 +8,7 @@
 
 #include "platform/error.hpp"
 #include "platform/paths.hpp"
+#include "platform/text.hpp"
 
 namespace herald_service {
 namespace {
@@ -58,21 +59,11 @@ void writeAtomically(const fs::path& path, std::string_view data) {
   }
 }
 
-char lower(char c) {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    if (lower(a[i]) != lower(b[i])) return false;
-  return true;
-}
-
 }  // namespace
 
 bool conformsToJPEG(std::string_view pathExtension) {
-  return equalsIgnoringCase(pathExtension, "jpg") || equalsIgnoringCase(pathExtension, "jpeg");
+  return platform::equalsIgnoringCase(pathExtension, "jpg") ||
+         platform::equalsIgnoringCase(pathExtension, "jpeg");
 }
 
 platform::NotificationAttachment makeAttachment(std::string_view data, std::string_view extension,
@@ -86,8 +77,14 @@ platform::NotificationAttachment makeAttachment(std::string_view data, std::stri
   const auto identifier = platform::newUUID();
   const auto file = directory / (identifier + "." + std::string(extension));
   writeAtomically(file, data);
-  return platform::NotificationAttachment::make(identifier, platform::fileURL(file),
-                                                std::move(options));
+  try {
+    return platform::NotificationAttachment::make(identifier, platform::fileURL(file),
+                                                  std::move(options));
+  } catch (...) {
+    // A file the platform refuses is nobody's: it would only fill the temporary folder.
+    fs::remove(file, ec);
+    throw;
+  }
 }
 
 }  // namespace herald_service

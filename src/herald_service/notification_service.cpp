@@ -12,6 +12,7 @@
 #include "platform/assets.hpp"
 #include "platform/error.hpp"
 #include "platform/executor.hpp"
+#include "platform/notification.hpp"
 #include "platform/paths.hpp"
 #include "platform/url_loading.hpp"
 #include "rich_push/rich_push_service.hpp"
@@ -185,7 +186,14 @@ void NotificationService::addAttachments(platform::MutableNotificationContent& c
       throw core::KelvaraError(core::KelvaraError::Domain::herald,
                                core::KelvaraError::Code::unsupportedFileExtension);
     // Blocks this thread: the platform gives the extension its own thread for exactly this.
-    const auto loaded = platform::URLSession::shared().dataSync(platform::URLRequest::make(url));
+    // A body past what the platform attaches is stopped as soon as it passes, and an error
+    // page never becomes a file.
+    auto request = platform::URLRequest::make(url);
+    request.maxResponseBytes = platform::attachmentSizeLimit(extension);
+    const auto loaded = platform::URLSession::shared().dataSync(std::move(request));
+    if (const auto status = loaded.response.statusCode; status && (*status < 200 || *status > 299))
+      throw platform::Error(platform::url_error::domain, platform::url_error::badServerResponse,
+                            "The thumbnail's server answered " + std::to_string(*status) + ".");
     auto attachment = makeAttachment(loaded.data, extension);
     std::lock_guard lock(mutex_);
     content.attachments = {std::move(attachment)};

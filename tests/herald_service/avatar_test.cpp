@@ -133,8 +133,9 @@ TEST(Attachment, TheFileIsNamedAfterItsIdentifierAndHoldsTheBytes) {
 
 TEST(Attachment, UnwritableDirectoriesAndRefusedFilesAreErrors) {
   ScopedTemporaryDirectory tmp;
-  // The bytes are written, but the system refuses a JPEG that is not one.
+  // The bytes are written, but the system refuses a JPEG that is not one; the file goes.
   EXPECT_THROW(makeAttachment("<html>", "jpg"), platform::Error);
+  EXPECT_TRUE(std::filesystem::is_empty(tmp.path() / platform::processGloballyUniqueString()));
   // A file where the directory should be.
   std::ofstream(tmp.path() / "blocker") << "x";
   setenv("TMPDIR", (tmp.path() / "blocker").c_str(), 1);

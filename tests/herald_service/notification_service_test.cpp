@@ -197,6 +197,32 @@ TEST_F(NotificationServiceTest, OnlyJPEGThumbnailsAreDownloadedAndAttached) {
   EXPECT_EQ(messages(), (std::vector<std::string>{refused, refused, refused}));
 }
 
+// A failed thumbnail costs the notification nothing but the picture, and leaves no file.
+TEST_F(NotificationServiceTest, ErrorPagesAndOversizedThumbnailsAreNeitherAttachedNorKept) {
+  server_.setHandler([](const RecordedRequest& r) {
+    if (r.target == "/missing.jpg") return ScriptedResponse{404, {}, "<html>Not found</html>"};
+    if (r.target == "/page.jpg") return ScriptedResponse{200, {}, "<html>Sign in</html>"};
+    // The image limit, plus one byte.
+    return ScriptedResponse{200, {}, kJPEG + std::string((10 << 20) - kJPEG.size() + 1, 'j')};
+  });
+  const auto folder = platform::temporaryDirectory() / platform::processGloballyUniqueString();
+  auto files = [&] {
+    std::error_code ec;
+    return std::distance(std::filesystem::directory_iterator(folder, ec), {});
+  };
+  const auto before = files();
+  for (const char* path : {"/missing.jpg", "/page.jpg", "/huge.jpg"}) {
+    SCOPED_TRACE(path);
+    const auto delivered = deliver(request({{"thumbnail_url", url(path)}}));
+    ASSERT_EQ(delivered.size(), 1u);
+    EXPECT_TRUE(delivered[0].attachments.empty());
+  }
+  const std::string failed =
+      "163 addAttachments() [Herald] An unexpected error occurred while adding attachments.";
+  EXPECT_EQ(messages(), (std::vector<std::string>{failed, failed, failed}));
+  EXPECT_EQ(files(), before);
+}
+
 TEST_F(NotificationServiceTest, AttachmentsAreReplacedOnlyWhenAThumbnailIsAdded) {
   platform::NotificationContent content;
   content.attachments.push_back({"old-1", "file:///tmp/1.jpg", "public.jpeg", {}});
