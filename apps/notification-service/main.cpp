@@ -310,12 +310,16 @@ int run(const Options& options) {
   auto& mainQueue = platform::MainQueue::shared();
   bool finished = mainQueue.runUntil(done, delivery->start + deadline - Clock::now());
   // The deadline entry point gets a thread of its own, started only when the deadline comes:
-  // most notifications are done long before, and a thread is not free at start-up.
+  // most notifications are done long before, and a thread is not free at start-up. Like the
+  // phone, the host calls it only while nothing has been handed back; work still running
+  // after a delivery (a report) is waited for within the grace all the same.
   if (!finished) {
-    std::thread expiry([extension] { extension->serviceExtensionTimeWillExpire(); });
+    std::optional<std::thread> expiry;
+    if (!delivery->called())
+      expiry.emplace([extension] { extension->serviceExtensionTimeWillExpire(); });
     finished = mainQueue.runUntil(done, delivery->start + deadline + grace - Clock::now());
     // What the deadline call hands over is shown: wait for it before the delivery closes.
-    expiry.join();
+    if (expiry) expiry->join();
   }
   platform::setIdleObserver(nullptr);
   int calls = 0;

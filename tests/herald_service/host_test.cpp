@@ -123,6 +123,24 @@ TEST_F(ServiceHost, AStalledThumbnailMissesTheDeadlineAndArrivesInASecondCall) {
   EXPECT_EQ(delivered[1].at("donatedInteractions").as_array().size(), 1u);
 }
 
+TEST_F(ServiceHost, OnceTheContentIsHandedBackTheDeadlineIsNotCalledButTheReportIsAwaited) {
+  const auto delivered =
+      deliver({{"user_name", "Ada"}, {"trackingUrl", sandbox_.url() + "/track/m1?delay=1.5"}},
+              {"--deadline", "0.3", "--grace", "10"});
+  EXPECT_EQ(delivered.size(), 1u) << last_.out;
+  EXPECT_EQ(journal(), std::vector<std::string>{"POST /track/m1?delay=1.5"});
+}
+
+TEST_F(ServiceHost, ADeepPayloadAndAnEndlessTrackingAnswerStillDeliverTheSender) {
+  json::value deep = "bottom";
+  for (int i = 0; i < 200; ++i) deep = json::object{{"level", deep}};
+  const auto delivered =
+      deliver({{"user_name", "Ada"}, {"notes", deep}, {"trackingUrl", "file:///dev/zero"}});
+  ASSERT_EQ(delivered.size(), 1u) << last_.err;
+  EXPECT_EQ(sender(delivered[0]).at("displayName"), "Ada");
+  EXPECT_EQ(delivered[0].at("content").at("userInfo").at("notes"), deep);
+}
+
 TEST_F(ServiceHost, ThePreviewShowsTheAvatarAndTheThumbnail) {
   Sandbox media({"--files", std::string(std::getenv("HERALD_SOURCE_DIR")) + "/samples/media"});
   const auto preview = dir_ / "preview.png";

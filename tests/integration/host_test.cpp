@@ -146,6 +146,18 @@ TEST_F(Host, DeadlineDeliversWhileTheReportStallsAndTheReportDeliversAgain) {
   EXPECT_EQ(sandbox.journal().size(), 1u);
 }
 
+// The base extension hands the content back only after its report: no answer may keep it.
+TEST_F(Host, BaseDeliversWhateverTheTrackingUrlAnswers) {
+  std::string deep = R"("x")";
+  for (int i = 0; i < 100; ++i) deep = "[" + deep + "]";
+  const std::string payload = R"({"aps": {"alert": "hi", "mutable-content": 1}, "deep": )" +
+                              deep + R"(, "trackingUrl": "file:///dev/zero"})";
+  const auto f = host({"--extension", "base", write("p.json", payload)});
+  ASSERT_EQ(f.exitCode, 0) << f.err;
+  ASSERT_EQ(contents(f).size(), 1u) << f.out;
+  EXPECT_EQ(contents(f)[0].at("userInfo"), platform::parseJSON(payload));
+}
+
 TEST_F(Host, ExitsWith3WhenTheHandlerIsNeverCalled) {
   // Without a mutable copy the base extension delivers nothing, not even at the deadline.
   const auto f = host({"--extension", "base", "--no-mutable-copy", "--deadline", "0.1", "--grace",
