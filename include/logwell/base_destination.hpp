@@ -85,6 +85,16 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
   /// The creation instant, base of the `$U` token.
   const std::chrono::steady_clock::time_point startDate;
 
+  /// The most entries that wait for an asynchronous destination: a caller never waits for a
+  /// destination that is behind, so when one more entry comes the oldest waiting one is
+  /// dropped (the destination's thread may also hold up to 32 entries it has already taken).
+  /// The next time the destination writes, it first writes one warning entry with an empty
+  /// file and function and line 0, that says how many were dropped:
+  ///   "logwell: dropped 123 entries while this destination was behind"
+  /// Blocks given to `execute` are never dropped, and callers of a synchronous destination
+  /// still wait for their turn.
+  static constexpr std::size_t maxPendingEntries = 4096;
+
   /// Whether entries are handed to the queue without waiting (true by default).
   virtual bool asynchronously() const { return asynchronously_; }
   virtual void setAsynchronously(bool value) { asynchronously_ = value; }

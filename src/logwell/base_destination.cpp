@@ -15,6 +15,9 @@
 #include "platform/paths.hpp"
 
 namespace logwell {
+
+static_assert(BaseDestination::maxPendingEntries == detail::SerialQueue::maxEntries);
+
 namespace {
 
 template <class Strings>

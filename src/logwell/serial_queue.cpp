@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -90,14 +91,54 @@ struct Job {
   }
 };
 
-struct Slots {
-  std::vector<Job> jobs;
-  std::size_t count = 0;
+// The jobs waiting for the worker, oldest first, in a ring of slots. Slots outside the live
+// range keep their (recycled) job as a spare, so that its buffers serve the next entry.
+class Ring {
+ public:
+  std::size_t size() const { return count_; }
+  Job& at(std::size_t i) { return *slots_[index(i)]; }
 
-  Job& next() {
-    if (count == jobs.size()) jobs.emplace_back();
-    return jobs[count++];
+  Job& pushBack() {
+    if (count_ == slots_.size()) grow();
+    auto& slot = slots_[index(count_)];
+    if (!slot) slot = std::make_unique<Job>();
+    ++count_;
+    return *slot;
   }
+
+  // Moves the oldest job out into `out`, leaving `out`'s old job behind as a spare.
+  void popFront(std::unique_ptr<Job>& out) {
+    std::swap(out, slots_[head_]);
+    head_ = (head_ + 1) % slots_.size();
+    --count_;
+  }
+
+  // Removes the oldest job of kind `entry`, keeping the order of the others; false when there
+  // is none. Jobs of other kinds are few (blocks, waiting callers), so the search is short.
+  bool dropOldestEntry() {
+    std::size_t i = 0;
+    while (i < count_ && at(i).kind != Job::Kind::entry) ++i;
+    if (i == count_) return false;
+    for (; i > 0; --i) std::swap(slots_[index(i)], slots_[index(i - 1)]);
+    slots_[head_]->recycle();
+    head_ = (head_ + 1) % slots_.size();
+    --count_;
+    return true;
+  }
+
+ private:
+  std::size_t index(std::size_t i) const { return (head_ + i) % slots_.size(); }
+
+  void grow() {
+    std::vector<std::unique_ptr<Job>> bigger(std::max<std::size_t>(64, slots_.size() * 2));
+    for (std::size_t i = 0; i < count_; ++i) bigger[i] = std::move(slots_[index(i)]);
+    slots_ = std::move(bigger);
+    head_ = 0;
+  }
+
+  std::vector<std::unique_ptr<Job>> slots_;
+  std::size_t head_ = 0;
+  std::size_t count_ = 0;
 };
 
 }  // namespace
@@ -109,31 +150,34 @@ struct SerialQueue::State {
 
   std::mutex mutex;
   std::condition_variable workerCv;  // jobs arrived, or the queue was released
-  std::condition_variable waitCv;    // space, a ticket granted or done
-  Slots pending;
+  std::condition_variable waitCv;    // a ticket granted or done
+  Ring pending;
+  std::size_t pendingEntries = 0;  // the jobs of kind `entry` in `pending`
+  std::size_t dropped = 0;         // since the worker last took jobs
   std::shared_ptr<void> keepAlive;
   bool busy = false;
   bool workerWaiting = false;
-  std::size_t spaceWaiters = 0;
   bool grantedDone = false;  // the caller holding the queue through a ticket has finished
   bool stopping = false;
 
-  // Appends one job under the lock; `fill` writes it.
+  // Appends one job under the lock; `fill` writes it. Never waits for the worker.
   template <class Fill>
-  void push(Fill&& fill) {
+  void push(bool entry, Fill&& fill) {
     std::unique_lock lock(mutex);
-    if (pending.count >= capacity && currentQueue != this) {
-      ++spaceWaiters;
-      waitCv.wait(lock, [&] { return pending.count < capacity; });
-      --spaceWaiters;
-    }
     if (!keepAlive && retainer) {
       lock.unlock();
       auto retained = retainer();
       lock.lock();
       if (!keepAlive) keepAlive = std::move(retained);
     }
-    fill(pending.next());
+    if (entry) {
+      if (pendingEntries >= maxEntries && pending.dropOldestEntry()) {
+        --pendingEntries;
+        ++dropped;
+      }
+      ++pendingEntries;
+    }
+    fill(pending.pushBack());
     const bool wake = workerWaiting && !busy;
     lock.unlock();
     if (wake) workerCv.notify_one();
@@ -169,12 +213,17 @@ const std::string* SerialQueue::currentLabel() noexcept {
   return currentQueueLabel;
 }
 
+std::string SerialQueue::droppedNotice(std::size_t count) {
+  return "logwell: dropped " + std::to_string(count) + (count == 1 ? " entry" : " entries") +
+         " while this destination was behind";
+}
+
 void SerialQueue::async(const Entry& entry) {
-  state_->push([&](Job& job) { job.fill(entry); });
+  state_->push(true, [&](Job& job) { job.fill(entry); });
 }
 
 void SerialQueue::async(std::function<void()> block) {
-  state_->push([&](Job& job) {
+  state_->push(false, [&](Job& job) {
     job.kind = Job::Kind::block;
     job.block = std::move(block);
   });
@@ -188,11 +237,11 @@ void SerialQueue::sync(const std::function<void()>& block) {
   }
   Ticket ticket;
   std::unique_lock lock(s.mutex);
-  const bool idle = s.pending.count == 0 && !s.busy;
+  const bool idle = s.pending.size() == 0 && !s.busy;
   if (idle) {
     s.busy = true;
   } else {
-    Job& job = s.pending.next();
+    Job& job = s.pending.pushBack();
     job.kind = Job::Kind::ticket;
     job.ticket = &ticket;
     if (s.workerWaiting && !s.busy) s.workerCv.notify_one();
@@ -207,7 +256,7 @@ void SerialQueue::sync(const std::function<void()>& block) {
       std::unique_lock lock(s.mutex);
       if (idle) {
         s.busy = false;
-        const bool wake = s.pending.count > 0 && s.workerWaiting;
+        const bool wake = s.pending.size() > 0 && s.workerWaiting;
         lock.unlock();
         if (wake) s.workerCv.notify_one();
       } else {
@@ -226,24 +275,42 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
   // Thread names are limited to 15 bytes; the full label is the queue's.
   pthread_setname_np(pthread_self(), "logwell-queue");
   OnQueue on(&s, &s.label);
-  Slots batch;
+  std::vector<std::unique_ptr<Job>> batch(takenAtOnce);
+  const Context noContext;
+  std::string notice;
+  auto guarded = [&](auto&& work) {
+    try {
+      work();
+    } catch (...) {
+      reportEscapedException(s.label);
+    }
+  };
   for (;;) {
     std::unique_lock lock(s.mutex);
-    while ((s.pending.count == 0 || s.busy) && !(s.stopping && s.pending.count == 0)) {
+    while ((s.pending.size() == 0 || s.busy) && !(s.stopping && s.pending.size() == 0)) {
       s.workerWaiting = true;
       s.workerCv.wait(lock);
       s.workerWaiting = false;
     }
-    if (s.pending.count == 0) break;  // stopping
-    std::swap(batch, s.pending);
+    if (s.pending.size() == 0) break;  // stopping
+    const std::size_t taken = std::min(s.pending.size(), takenAtOnce);
+    for (std::size_t i = 0; i < taken; ++i) {
+      s.pending.popFront(batch[i]);
+      if (batch[i]->kind == Job::Kind::entry) --s.pendingEntries;
+    }
+    const std::size_t dropped = std::exchange(s.dropped, 0);
     s.busy = true;
-    const bool wakeProducers = s.spaceWaiters > 0;
     lock.unlock();
-    if (wakeProducers) s.waitCv.notify_all();
 
-    for (std::size_t i = 0; i < batch.count; ++i) {
-      Job& job = batch.jobs[i];
-      try {
+    // The dropped entries were older than every job still waiting: say so before them.
+    if (dropped > 0)
+      guarded([&] {
+        notice = droppedNotice(dropped);
+        s.handler(Entry{Level::warning, notice, s.label, {}, {}, 0, &noContext});
+      });
+    for (std::size_t i = 0; i < taken; ++i) {
+      Job& job = *batch[i];
+      guarded([&] {
         switch (job.kind) {
           case Job::Kind::entry:
             s.handler(job.view());
@@ -260,17 +327,14 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
             break;
           }
         }
-      } catch (...) {
-        reportEscapedException(s.label);
-      }
+      });
       job.recycle();
     }
-    batch.count = 0;
 
     std::shared_ptr<void> release;
     lock.lock();
     s.busy = false;
-    if (s.pending.count == 0) release = std::move(s.keepAlive);
+    if (s.pending.size() == 0) release = std::move(s.keepAlive);
     lock.unlock();
     // May destroy the owner, and with it the queue handle (which then detaches us).
     release.reset();

@@ -131,6 +131,41 @@ TEST_F(Facade, FlushTimesOutOnABusyDestinationAndRemovalKeepsQueuedEntries) {
   EXPECT_TRUE(Logwell::flush(5));
 }
 
+TEST_F(Facade, AStuckDestinationNeverHoldsTheCallerAndDropsItsOldestEntries) {
+  std::promise<void> open;
+  auto stuck = std::make_shared<Recorder>();
+  stuck->gate = open.get_future().share();
+  Logwell::addDestination(stuck);
+  Logwell::info("stuck");
+  ASSERT_TRUE(logwell_test::eventually([&] { return stuck->started == 1; }));
+
+  // Past the limit, each new entry pushes out the oldest waiting one.
+  const std::size_t total = logwell::BaseDestination::maxPendingEntries + 100;
+  std::atomic<bool> done{false};
+  bool flushed = true;
+  std::thread caller([&] {
+    for (std::size_t i = 0; i < total; ++i) Logwell::info(i);
+    flushed = Logwell::flush(0);
+    done = true;
+  });
+  const bool returned = logwell_test::eventually([&] { return done.load(); });
+  open.set_value();
+  caller.join();
+  ASSERT_TRUE(returned) << "the caller waited for the stuck destination";
+  EXPECT_FALSE(flushed);
+  ASSERT_TRUE(Logwell::flush(10));
+
+  Logwell::info("after");  // no second notice
+  ASSERT_TRUE(Logwell::flush(10));
+  std::vector<std::string> expected{"stuck",
+                                    "logwell: dropped 100 entries while this "
+                                    "destination was behind"};
+  for (std::size_t i = 100; i < total; ++i) expected.push_back(std::to_string(i));
+  expected.push_back("after");
+  EXPECT_EQ(stuck->log->lines, expected);
+  EXPECT_EQ(stuck->log->entries.at(1).level, Level::warning);
+}
+
 TEST_F(Facade, DestinationsCanChangeWhileOtherThreadsLog) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> loggers;

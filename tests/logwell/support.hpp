@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -42,11 +43,14 @@ class Recorder : public logwell::BaseDestination {
 
   std::shared_ptr<Log> log;
   std::shared_future<void> gate;
+  /// Entries whose `send` has begun (it may still wait at the gate).
+  std::atomic<std::size_t> started{0};
 
   std::optional<std::string> send(logwell::Level level, std::string_view msg,
                                   std::string_view thread, std::string_view file,
                                   std::string_view function, int line,
                                   const logwell::Context& context) override {
+    ++started;
     if (gate.valid()) gate.wait();
     auto text = BaseDestination::send(level, msg, thread, file, function, line, context);
     std::lock_guard lock(log->mutex);

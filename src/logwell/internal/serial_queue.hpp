@@ -5,6 +5,10 @@
 //
 // Queued entries are copied into slots that keep their buffers from one use to the next, so
 // that logging does not allocate once the queue has warmed up.
+//
+// A producer never waits for the worker: past `maxEntries` waiting entries the oldest one
+// is dropped, and the worker hands a line saying how many to the handler before the next
+// entry it runs. Blocks and synchronous callers are never dropped.
 
 #include <condition_variable>
 #include <cstddef>
@@ -33,7 +37,8 @@ class SerialQueue {
 
   const std::string& label() const;
 
-  /// Copies the entry (and its context) into the queue.
+  /// Copies the entry (and its context) into the queue; drops the oldest waiting entry when
+  /// `maxEntries` are waiting already.
   void async(const Entry& entry);
   void async(std::function<void()> block);
   /// Runs `block` on the calling thread once every job submitted before has run.
@@ -42,8 +47,14 @@ class SerialQueue {
   /// The label of the queue whose work runs on this thread, or null.
   static const std::string* currentLabel() noexcept;
 
-  /// Jobs waiting beyond this make a producer wait for the worker.
-  static constexpr std::size_t capacity = 4096;
+  /// Entries that may wait for the worker; see `BaseDestination::maxPendingEntries`.
+  static constexpr std::size_t maxEntries = 4096;
+  /// The worker takes at most this many jobs at a time: the ones it holds can no longer be
+  /// dropped, and it stays short so that what is dropped is nearly always the oldest.
+  static constexpr std::size_t takenAtOnce = 32;
+
+  /// The line the handler gets in place of `count` dropped entries.
+  static std::string droppedNotice(std::size_t count);
 
  private:
   struct State;
