@@ -1,8 +1,12 @@
 #pragma once
 /// Appends each line to a log file, opening and closing it for every entry, with size-based
 /// rotation: "logwell.log" rotates to "logwell.1.log", "logwell.2.log", … keeping
-/// `logFileAmount` files in all. Appends are locked (flock) against other processes that
-/// write the same file. Failures are printed on standard output and lose that one entry.
+/// `logFileAmount` files in all. Appends and rotations are locked (flock) against other
+/// processes that write the same file, so that they may share it and its rotation. Each line
+/// is written whole or not at all (a short write, as on a full disk, is taken back). Only a
+/// regular file is rotated; a path that cannot take the entry at once (a directory, a FIFO
+/// without a reader) fails like a write. Failures are printed on standard output and lose
+/// that one entry.
 ///
 ///   auto file = std::make_shared<logwell::FileDestination>();   // caches dir/logwell.log
 ///   file->logFileAmount = 3;
@@ -53,6 +57,9 @@ class FileDestination : public BaseDestination {
 
  private:
   std::optional<std::filesystem::path> pathFor(const std::string& url);
+  // Appends under the file's lock; with `mayRotate`, first rotates a file found too large
+  // under that same lock.
+  bool append(std::string_view data, const std::string& url, bool mayRotate);
 
   bool colored_ = false;
   std::string cachedURL_;

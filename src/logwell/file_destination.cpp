@@ -27,16 +27,119 @@ fs::path rotatedPath(const fs::path& path, std::int64_t k) {
   return path.parent_path() / (stem + "." + std::to_string(k) + "." + extension);
 }
 
-bool writeAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    const ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
+// An open log file under the lock that every writer of the file takes; closing the file
+// releases the lock.
+class LockedFile {
+ public:
+  LockedFile() = default;
+  LockedFile(const LockedFile&) = delete;
+  LockedFile& operator=(const LockedFile&) = delete;
+  ~LockedFile() { close(); }
+
+  enum class Opened { yes, failed, notLocked };
+
+  // A directory fails to open for writing; O_NONBLOCK makes a FIFO without a reader fail
+  // too instead of holding the queue (it means nothing for a regular file).
+  Opened open(const fs::path& path, bool create) {
+    close();
+    // A new file is readable by its owner only: entries can hold personal data.
+    constexpr int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK;
+    created_ = false;
+    fd_ = ::open(path.c_str(), flags);
+    if (fd_ < 0 && errno == ENOENT && create) {
+      fd_ = ::open(path.c_str(), flags | O_CREAT, 0600);
+      if (fd_ < 0 && errno == ENOENT && path.has_parent_path()) {
+        std::error_code ec;
+        fs::create_directories(path.parent_path(), ec);
+        fd_ = ::open(path.c_str(), flags | O_CREAT, 0600);
+      }
+      created_ = fd_ >= 0;
     }
-    data.remove_prefix(static_cast<std::size_t>(n));
+    if (fd_ < 0) return Opened::failed;
+    int locked;
+    do {
+      locked = ::flock(fd_, LOCK_EX);
+    } while (locked != 0 && errno == EINTR);
+    if (locked != 0) {
+      const int error = errno;
+      close();
+      errno = error;
+      return Opened::notLocked;
+    }
+    return Opened::yes;
   }
-  return true;
+
+  // Reads the file's kind and size, under the lock: another writer may have appended while
+  // we waited for it. Only rotation needs them, so plain appends save the system call.
+  bool isRegularFile() { return ::fstat(fd_, &info_) == 0 && S_ISREG(info_.st_mode); }
+
+  // Whether this call made the file: a file that did not exist is not rotated.
+  bool created() const { return created_; }
+
+  // Whether the file is still the one at `path`: a writer that rotated or removed it while
+  // we waited for the lock made another one current.
+  bool isAt(const fs::path& path) const {
+    struct stat now {};
+    return ::stat(path.c_str(), &now) == 0 && now.st_dev == info_.st_dev &&
+           now.st_ino == info_.st_ino;
+  }
+
+  // The size read by `isRegularFile`.
+  off_t size() const { return info_.st_size; }
+
+  // Appends `data` with one write; a short write is taken back, so that a failed entry is
+  // lost whole and the next one starts on a line of its own.
+  bool append(std::string_view data) {
+    ssize_t n;
+    do {
+      n = ::write(fd_, data.data(), data.size());
+    } while (n < 0 && errno == EINTR);
+    if (n == static_cast<ssize_t>(data.size())) return true;
+    // Under the lock the file ends with our fragment. (A FIFO cannot seek: nothing to undo.)
+    if (n > 0) {
+      const off_t end = ::lseek(fd_, 0, SEEK_END);
+      if (end >= n) (void)::ftruncate(fd_, end - n);
+    }
+    return false;
+  }
+
+  int fd() const { return fd_; }
+
+  bool close() {
+    if (fd_ < 0) return true;
+    const bool ok = ::close(fd_) == 0;
+    fd_ = -1;
+    return ok;
+  }
+
+ private:
+  int fd_ = -1;
+  bool created_ = false;
+  struct stat info_ {};
+};
+
+// Shifts "name.<k>.ext" to index k + 1, the oldest being removed, and the current file to
+// index 1. The caller holds the lock of the current file, so that writers of other processes
+// neither rotate at the same time nor append to a file that is being moved.
+void rotateLocked(const fs::path& path, std::int64_t amount) {
+  try {
+    const std::int64_t last = amount - 1;
+    for (std::int64_t k = last; k >= 1; --k) {
+      const fs::path rotated = rotatedPath(path, k);
+      if (!fs::exists(rotated)) continue;
+      if (k == last)
+        fs::remove(rotated);
+      else
+        fs::rename(rotated, rotatedPath(path, k + 1));
+    }
+    fs::rename(path, rotatedPath(path, 1));
+  } catch (const fs::filesystem_error& e) {
+    detail::printLine(std::string("rotateFile error: ") + e.what());
+  }
+}
+
+bool tooLarge(off_t size, std::int64_t maxSize) {
+  return maxSize < 0 || static_cast<std::uint64_t>(size) > static_cast<std::uint64_t>(maxSize);
 }
 
 }  // namespace
@@ -77,22 +180,10 @@ std::optional<std::string> FileDestination::send(Level level, std::string_view m
 }
 
 bool FileDestination::validateSaveFile(std::string_view str) {
-  if (logFileAmount >= 2 && logFileURL) {
-    if (const auto path = pathFor(*logFileURL)) {
-      struct stat info {};
-      if (::stat(path->c_str(), &info) == 0) {
-        const auto size = static_cast<std::uint64_t>(info.st_size);
-        if (logFileMaxSize < 0 || size > static_cast<std::uint64_t>(logFileMaxSize))
-          rotateFile(*logFileURL);
-      } else if (errno != ENOENT) {
-        detail::printLine(std::string("validateSaveFile error: ") + std::strerror(errno));
-      }
-    }
-  }
   if (!logFileURL) return false;
   lineBuffer_.assign(str);
   lineBuffer_.push_back('\n');
-  const bool written = write(lineBuffer_, *logFileURL);
+  const bool written = append(lineBuffer_, *logFileURL, logFileAmount >= 2);
   if (lineBuffer_.capacity() > 4096) std::string().swap(lineBuffer_);
   return written;
 }
@@ -103,23 +194,23 @@ void FileDestination::rotateFile(const std::string& url) {
     detail::printLine("rotateFile error: not a file URL: " + url);
     return;
   }
-  try {
-    const std::int64_t last = logFileAmount - 1;
-    for (std::int64_t k = last; k >= 1; --k) {
-      const fs::path rotated = rotatedPath(*path, k);
-      if (!fs::exists(rotated)) continue;
-      if (k == last)
-        fs::remove(rotated);
-      else
-        fs::rename(rotated, rotatedPath(*path, k + 1));
-    }
-    fs::rename(*path, rotatedPath(*path, 1));
-  } catch (const fs::filesystem_error& e) {
-    detail::printLine(std::string("rotateFile error: ") + e.what());
+  LockedFile file;
+  if (file.open(*path, false) != LockedFile::Opened::yes) {
+    detail::printLine("rotateFile error: " + path->string() + ": " + std::strerror(errno));
+    return;
   }
+  if (!file.isRegularFile()) {
+    detail::printLine("rotateFile error: " + path->string() + ": not a regular file");
+    return;
+  }
+  rotateLocked(*path, logFileAmount);
 }
 
 bool FileDestination::write(std::string_view data, const std::string& url) {
+  return append(data, url, false);
+}
+
+bool FileDestination::append(std::string_view data, const std::string& url, bool mayRotate) {
   auto fail = [&] {
     detail::printLine("Logwell File Destination could not write to file " + url + ".");
     return false;
@@ -127,29 +218,28 @@ bool FileDestination::write(std::string_view data, const std::string& url) {
   const auto path = pathFor(url);
   if (!path) return fail();
 
-  // A new file is readable by its owner only: entries can hold personal data.
-  constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
-  int fd = ::open(path->c_str(), flags, 0600);
-  if (fd < 0 && errno == ENOENT && path->has_parent_path()) {
-    std::error_code ec;
-    fs::create_directories(path->parent_path(), ec);
-    fd = ::open(path->c_str(), flags, 0600);
+  LockedFile file;
+  bool rotated = false;
+  // Each retry follows another writer's rotation; a few are plenty, and past them the entry
+  // goes to the file held.
+  for (int attempt = 0;; ++attempt) {
+    const auto opened = file.open(*path, true);
+    if (opened == LockedFile::Opened::notLocked) {
+      detail::printLine(std::string("Failed writing file with error: ") + std::strerror(errno));
+      return false;
+    }
+    if (opened == LockedFile::Opened::failed) return fail();
+    // Only a regular file is rotated: moving a directory or a FIFO away is not ours to do.
+    if (!mayRotate || attempt == 8 || !file.isRegularFile()) break;
+    if (!file.isAt(*path)) continue;
+    // Once per entry: a negative maximum would rotate for ever.
+    if (rotated || file.created() || !tooLarge(file.size(), logFileMaxSize)) break;
+    rotateLocked(*path, logFileAmount);
+    rotated = true;
   }
-  if (fd < 0) return fail();
-
-  // Other processes that lock the same file never see half an entry.
-  int locked;
-  do {
-    locked = ::flock(fd, LOCK_EX);
-  } while (locked != 0 && errno == EINTR);
-  if (locked != 0) {
-    detail::printLine(std::string("Failed writing file with error: ") + std::strerror(errno));
-    ::close(fd);
-    return false;
-  }
-  bool ok = writeAll(fd, data);
-  if (ok && syncAfterEachWrite) ok = ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;  // closing releases the lock
+  bool ok = file.append(data);
+  if (ok && syncAfterEachWrite) ok = ::fsync(file.fd()) == 0;
+  ok = file.close() && ok;
   return ok ? true : fail();
 }
 

@@ -1,10 +1,14 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <regex>
 #include <set>
@@ -129,31 +133,37 @@ TEST(FileDestination, ColouredFilesLeaveCriticalAndFaultUncoloured) {
                    "\x1b[38;5;FAULT\x1b[0m", "ERROR"}));
 }
 
-// The child side of the test below: when the test binary is started with
-// LOGWELL_CHILD_FILE set, it appends numbered lines to that file and exits before any test
-// runs, so the child is not a test of its own.
+// The child side of the tests below: when the test binary is started with
+// LOGWELL_CHILD_FILE set, it appends numbered lines to that file (rotating it when
+// LOGWELL_CHILD_AMOUNT and LOGWELL_CHILD_MAX_SIZE say so) and exits before any test runs, so
+// the child is not a test of its own.
 [[maybe_unused]] const bool childWriter = [] {
   const char* file = std::getenv("LOGWELL_CHILD_FILE");
   if (!file) return false;
   {
     logwell::FileDestination d(std::string{file});
     d.format = "$M";
+    if (const char* amount = std::getenv("LOGWELL_CHILD_AMOUNT"))
+      d.logFileAmount = std::stoi(amount);
+    if (const char* max = std::getenv("LOGWELL_CHILD_MAX_SIZE")) d.logFileMaxSize = std::stoi(max);
+    const int lines = std::stoi(std::getenv("LOGWELL_CHILD_LINES"));
     const std::string tag = std::getenv("LOGWELL_CHILD_TAG");
     const std::string padding(200, tag[0]);
-    for (int i = 0; i < 1000; ++i) send(d, tag + " " + std::to_string(i) + " " + padding);
+    for (int i = 0; i < lines; ++i) send(d, tag + " " + std::to_string(i) + " " + padding);
   }
   std::exit(0);
 }();
 
-TEST(FileDestination, AppendsFromTwoProcessesWithoutLosingOrMixingLines) {
-  TempDir dir;
-  const auto file = (dir.path / "shared.log").string();
+// Runs two child writers, tagged A and B, at the same time and waits for both.
+void runTwoWriters(const std::string& file, int lines, std::vector<std::string> extraEnv = {}) {
   std::vector<pid_t> children;
   for (std::string tag : {"A", "B"}) {
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
     env.push_back("LOGWELL_CHILD_FILE=" + file);
     env.push_back("LOGWELL_CHILD_TAG=" + tag);
+    env.push_back("LOGWELL_CHILD_LINES=" + std::to_string(lines));
+    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
     std::vector<char*> envp, argv;
     for (auto& e : env) envp.push_back(e.data());
     envp.push_back(nullptr);
@@ -170,19 +180,118 @@ TEST(FileDestination, AppendsFromTwoProcessesWithoutLosingOrMixingLines) {
     if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
     ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
+}
 
+// Checks that the lines of both writers are whole and that each writer's numbers run from 0
+// to `lines` - 1 in order.
+void expectEveryLineOnceInOrder(const std::vector<std::string>& all, int lines) {
   const std::regex shape(R"(([AB]) (\d+) (A{200}|B{200}))");
   std::map<std::string, std::vector<int>> seen;
-  for (const auto& line : linesOf(file)) {
+  for (const auto& line : all) {
     std::smatch m;
     ASSERT_TRUE(std::regex_match(line, m, shape)) << line.substr(0, 40);
     ASSERT_EQ(m[3].str()[0], m[1].str()[0]);
     seen[m[1]].push_back(std::stoi(m[2]));
   }
-  std::vector<int> expected(1000);
-  for (int i = 0; i < 1000; ++i) expected[i] = i;
+  std::vector<int> expected(lines);
+  for (int i = 0; i < lines; ++i) expected[i] = i;
   EXPECT_EQ(seen["A"], expected);
   EXPECT_EQ(seen["B"], expected);
+}
+
+TEST(FileDestination, AppendsFromTwoProcessesWithoutLosingOrMixingLines) {
+  TempDir dir;
+  const auto file = (dir.path / "shared.log").string();
+  runTwoWriters(file, 1000);
+  expectEveryLineOnceInOrder(linesOf(file), 1000);
+}
+
+TEST(FileDestination, TwoProcessesRotatingOneFileKeepEveryLine) {
+  TempDir dir;
+  const auto file = dir.path / "shared.log";
+  // About 100 rotations, each one racing the other process; enough files to keep them all.
+  const int amount = 160;
+  runTwoWriters(file.string(), 2000,
+                {"LOGWELL_CHILD_AMOUNT=" + std::to_string(amount), "LOGWELL_CHILD_MAX_SIZE=8192"});
+  std::vector<std::string> all;
+  for (int k = amount - 1; k >= 0; --k) {
+    const auto rotated = k == 0 ? file : dir.path / ("shared." + std::to_string(k) + ".log");
+    for (auto& line : linesOf(rotated)) all.push_back(std::move(line));
+  }
+  EXPECT_LE(namesIn(dir.path).size(), static_cast<std::size_t>(amount));
+  expectEveryLineOnceInOrder(all, 2000);
+}
+
+TEST(FileDestination, AFullDiskLosesWholeEntriesAndTheFileStaysLineAligned) {
+  TempDir dir;
+  const auto path = dir.path / "full.log";
+  logwell::FileDestination d(path.string());
+  d.format = "$M";
+  int printed[2];
+  ASSERT_EQ(::pipe(printed), 0);
+  std::fflush(stdout);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    // The limit on file size makes a write short, then fail with EFBIG, as a full disk does.
+    ::dup2(printed[1], STDOUT_FILENO);
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit small = saved;
+    small.rlim_cur = 100;
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    for (char c : {'a', 'b', 'c', 'd', 'e'}) send(d, std::string(29, c));  // 30 bytes each
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    send(d, "room again");
+    ::_exit(0);
+  }
+  ::close(printed[1]);
+  ASSERT_GT(pid, 0);
+  int status = 0;
+  const bool ended =
+      logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
+  if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
+  ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+  EXPECT_EQ(linesOf(path), (Lines{std::string(29, 'a'), std::string(29, 'b'), std::string(29, 'c'),
+                                  "room again"}));
+  const std::string failed =
+      "Logwell File Destination could not write to file " + path.string() + ".\n";
+  std::string said(4096, '\0');
+  const ssize_t n = ::read(printed[0], said.data(), said.size());  // the child has ended
+  ::close(printed[0]);
+  said.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+  EXPECT_EQ(said, failed + failed);
+}
+
+TEST(FileDestination, ADirectoryOrAReaderlessFifoIsNeverRotatedAndFailsAsAWrite) {
+  TempDir dir;
+  const auto folder = dir.path / "folder";
+  fs::create_directories(folder / "inside");
+  const auto fifo = dir.path / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  for (const auto& path : {folder, fifo}) {
+    logwell::FileDestination d(path.string());
+    d.format = "$M";
+    d.logFileAmount = 3;
+    d.logFileMaxSize = -1;  // always too large
+    logwell_test::CaptureStream out(stdout);
+    // A FIFO without a reader must not hold the destination's queue.
+    auto sent =
+        std::async(std::launch::async, [&] { return d.send(Level::info, "x", "", "", "", 1); });
+    const bool done = sent.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    if (!done) {  // let it go
+      const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+      sent.wait();
+      ::close(reader);
+    }
+    EXPECT_TRUE(done) << path;
+    EXPECT_EQ(sent.get(), "x");
+    EXPECT_EQ(out.text(),
+              "Logwell File Destination could not write to file " + path.string() + ".\n");
+  }
+  EXPECT_EQ(namesIn(dir.path), (std::set<std::string>{"folder", "fifo"}));
+  EXPECT_TRUE(fs::is_directory(folder / "inside"));
 }
 
 TEST(ConsoleDestination, ColourSchemesAndPrintWays) {
