@@ -4,7 +4,9 @@
 ///
 ///   auto dest = std::make_shared<logwell::ConsoleDestination>();
 ///   dest->addFilter(logwell::Filters::Path.contains({"/net/"}, false, true));     // required
-///   dest->addFilter(logwell::Filters::Message.excludes({"password"}));            // veto
+///   // An `excludes` filter vetoes every entry that lacks one of its texts: this one keeps
+///   // only the messages that contain "retry".
+///   dest->addFilter(logwell::Filters::Message.excludes({"retry"}));
 ///   dest->addFilter(logwell::Filters::Function.custom(
 ///       [](std::string_view f) { return f.starts_with("sync"); }));
 
@@ -67,7 +69,8 @@ class FilterType {
   virtual const TargetType& getTarget() const = 0;
   virtual bool isRequired() const = 0;
   virtual bool isExcluded() const = 0;
-  /// Whether the target text passes; an absent text never does.
+  /// Whether the target text passes; an absent text never does. When deciding whether a
+  /// destination takes an entry, an exception thrown here counts as false.
   virtual bool apply(std::optional<std::string_view> value) const = 0;
   virtual bool reachedMinLevel(Level level) const = 0;
 };

@@ -78,17 +78,23 @@ FilterValidator::Result FilterValidator::validate(const Input& input, Validation
     if (!chosen) continue;
     ++selected;
 
+    // Filters run on the logging thread: a predicate that throws must not reach the caller,
+    // and counts as a filter that does not match, as if it had answered false.
     bool condition = false;
-    switch (filter->getTarget().kind) {
-      case TargetType::Kind::path:
-        condition = filter->apply(input.path);
-        break;
-      case TargetType::Kind::function:
-        condition = filter->apply(input.function);
-        break;
-      case TargetType::Kind::message:
-        condition = input.message && filter->apply(input.message);
-        break;
+    try {
+      switch (filter->getTarget().kind) {
+        case TargetType::Kind::path:
+          condition = filter->apply(input.path);
+          break;
+        case TargetType::Kind::function:
+          condition = filter->apply(input.function);
+          break;
+        case TargetType::Kind::message:
+          condition = input.message && filter->apply(input.message);
+          break;
+      }
+    } catch (...) {
+      condition = false;
     }
     const bool levelOK = filter->reachedMinLevel(input.level);
     if (condition && levelOK)

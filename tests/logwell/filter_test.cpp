@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "logwell/logwell.hpp"
 #include "support.hpp"
 
@@ -13,6 +15,11 @@ TEST(Filters, ExcludesVetoesAsSoonAsOneTextIsMissing) {
   EXPECT_FALSE(d.shouldLevelBeLogged(Level::error, "/vendor/x.cpp", "f"));  // lacks "/gen/"
   EXPECT_FALSE(d.shouldLevelBeLogged(Level::error, "/app/x.cpp", "f"));
   EXPECT_TRUE(d.shouldLevelBeLogged(Level::error, "/vendor/gen/x.cpp", "f"));
+
+  BaseDestination retries;  // the example of the public header
+  retries.addFilter(Filters::Message.excludes({"retry"}));
+  EXPECT_TRUE(retries.shouldLevelBeLogged(Level::info, "p", "f", "will retry in 2 s"));
+  EXPECT_FALSE(retries.shouldLevelBeLogged(Level::info, "p", "f", "sent"));
 }
 
 TEST(Filters, RequiredFiltersDecideBeforeTheLevel) {
@@ -71,4 +78,25 @@ TEST(Filters, DebugPrintSaysWhy) {
             "filters are empty and level >= minLevel\n"
             "filters are empty and level >= minLevel\n"
             "filters are not empty and message was excluded\n");
+}
+
+TEST(Filters, APredicateThatThrowsIsAFilterThatDoesNotMatch) {
+  auto broken = [](std::string_view) -> bool { throw std::runtime_error("bug in a predicate"); };
+  BaseDestination d;
+  d.minLevel = Level::warning;
+  d.addFilter(Filters::Message.custom(broken));
+  // Not matching, the level decides, as for any other filter that does not match.
+  EXPECT_TRUE(d.shouldLevelBeLogged(Level::error, "p", "f", "m"));
+  EXPECT_FALSE(d.shouldLevelBeLogged(Level::info, "p", "f", "m"));
+  d.addFilter(Filters::Path.custom(broken, true));
+  EXPECT_FALSE(d.shouldLevelBeLogged(Level::error, "p", "f", "m"));  // a required one vetoes
+
+  // Nor does it reach a caller of the facade.
+  auto recorder = std::make_shared<logwell_test::Recorder>();
+  recorder->addFilter(Filters::Function.custom(broken, false, Level::error));
+  logwell::Logwell::addDestination(recorder);
+  EXPECT_NO_THROW(logwell::Logwell::info("kept"));
+  EXPECT_TRUE(logwell::Logwell::flush(5));
+  logwell::Logwell::removeDestination(recorder);
+  EXPECT_EQ(recorder->log->lines, std::vector<std::string>{"kept"});
 }
