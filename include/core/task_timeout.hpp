@@ -30,7 +30,6 @@
 #include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/deferred.hpp>
-#include <boost/asio/detached.hpp>
 #include <boost/asio/experimental/concurrent_channel.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
@@ -220,9 +219,12 @@ class Task {
   static Task spawn(boost::asio::awaitable<T> body,
                     boost::asio::any_io_executor executor = platform::sharedExecutor()) {
     auto state = std::make_shared<State>(std::move(executor));
-    boost::asio::co_spawn(
-        state->strand, run(std::move(body), state),
-        boost::asio::bind_cancellation_slot(state->signal.slot(), boost::asio::detached));
+    // The operation's cancellation state lives inside `state->signal`, so its completion
+    // handler keeps the state: a body that finishes without suspending is followed by one more
+    // step on the strand, after the result is set and possibly after the last handle is gone.
+    boost::asio::co_spawn(state->strand, run(std::move(body), state),
+                          boost::asio::bind_cancellation_slot(
+                              state->signal.slot(), [keep = state](std::exception_ptr) {}));
     return Task(std::move(state));
   }
 
@@ -310,20 +312,25 @@ class Task {
     auto strand = asio::make_strand(co_await asio::this_coro::executor);
     auto contest = std::make_shared<Race>(strand, after);
 
-    State::asyncWait(state, strand,
-                     asio::bind_cancellation_slot(
-                         contest->stopWaiting.slot(), [contest](boost::system::error_code error) {
-                           int expected = none;
-                           if (error || !contest->winner.compare_exchange_strong(expected, task))
-                             return;
-                           contest->deadline.cancel();
-                           contest->wake.try_send(boost::system::error_code{});
-                         }));
-    contest->deadline.async_wait([contest](boost::system::error_code error) {
-      int expected = none;
-      if (error || !contest->winner.compare_exchange_strong(expected, clock)) return;
-      contest->stopWaiting.emit(asio::cancellation_type::terminal);
-      contest->wake.try_send(boost::system::error_code{});
+    // Both contestants enter from one handler on the strand: a task that has already finished
+    // reports there at once, and must not find the timer not yet armed, which would leave it
+    // running for the whole duration.
+    asio::post(strand, [state, strand, contest] {
+      State::asyncWait(state, strand,
+                       asio::bind_cancellation_slot(
+                           contest->stopWaiting.slot(), [contest](boost::system::error_code error) {
+                             int expected = none;
+                             if (error || !contest->winner.compare_exchange_strong(expected, task))
+                               return;
+                             contest->deadline.cancel();
+                             contest->wake.try_send(boost::system::error_code{});
+                           }));
+      contest->deadline.async_wait([contest](boost::system::error_code error) {
+        int expected = none;
+        if (error || !contest->winner.compare_exchange_strong(expected, clock)) return;
+        contest->stopWaiting.emit(asio::cancellation_type::terminal);
+        contest->wake.try_send(boost::system::error_code{});
+      });
     });
 
     try {

@@ -2,8 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <functional>
 #include <future>
+#include <stdexcept>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "core/task_timeout.hpp"
@@ -84,6 +91,10 @@ asio::awaitable<int> sleeper(std::chrono::steady_clock::duration wait,
   co_return 42;
 }
 
+asio::awaitable<int> immediate(int value) {
+  co_return value;
+}
+
 asio::awaitable<int> failing() {
   throw std::runtime_error("boom");
   co_return 0;
@@ -107,6 +118,53 @@ TEST(TaskTimeoutTest, TheTaskWinsAndTheTimerStops) {
   auto outcome = waitBounded(result);
   ASSERT_FALSE(outcome.isSuccess());
   EXPECT_THROW(outcome.get(), std::runtime_error);
+}
+
+// A body that never suspends finishes inside its first step; the task's operation still
+// takes a step after that, which the caller may race by dropping its last handle.
+TEST(TaskTimeoutTest, AFinishedTaskMayLoseItsLastHandleAtOnce) {
+  for (int i = 0; i < 3000; ++i) {
+    auto task = core::Task<int>::spawn(immediate(i));
+    const auto limit = std::chrono::steady_clock::now() + 20s;
+    while (!task.isFinished()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), limit) << "task " << i << " never finished";
+      std::this_thread::yield();
+    }
+  }
+}
+
+// Races against tasks that have already finished, on a context run by two threads: the
+// thread that is not racing may take up the finished task's report at once. The context runs
+// out of work only when no timer is left behind. The window is narrow, hence the count.
+TEST(TaskTimeoutTest, ARaceAgainstAFinishedTaskLeavesNoTimerBehind) {
+  constexpr int races = 10000;
+  asio::io_context pool;
+  std::vector<int> values;
+  asio::co_spawn(
+      pool,
+      [&]() -> asio::awaitable<void> {
+        for (int i = 0; i < races; ++i) {
+          auto task = core::Task<int>::spawn(immediate(i), pool.get_executor());
+          co_await task.value();
+          values.push_back(co_await task.value(1h));
+        }
+      },
+      asio::detached);
+  std::promise<void> firstIdle, secondIdle;
+  auto run = [&](std::promise<void>& idle) {
+    pool.run();
+    idle.set_value();
+  };
+  std::thread first(run, std::ref(firstIdle)), second(run, std::ref(secondIdle));
+  const auto limit = std::chrono::steady_clock::now() + 60s;
+  const bool idle = firstIdle.get_future().wait_until(limit) == std::future_status::ready &&
+                    secondIdle.get_future().wait_until(limit) == std::future_status::ready;
+  if (!idle) pool.stop();
+  first.join();
+  second.join();
+  EXPECT_TRUE(idle) << "a time limit was left running after its race was over";
+  ASSERT_EQ(values.size(), std::size_t{races});
+  for (int i = 0; i < races; ++i) EXPECT_EQ(values[i], i);
 }
 
 TEST(TaskTimeoutTest, TheClockWinsAndTheTaskKeepsRunning) {
