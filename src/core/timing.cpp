@@ -42,11 +42,22 @@ Throttler::Throttler(double interval, platform::MainQueue& queue)
 
 void Throttler::throttle(const std::function<void()>& action) {
   if (!state_->canExecute.exchange(false)) return;
-  // Re-arm first: an action that throws must not leave the throttler closed for good.
-  queue_.postAfter(delayOf(interval_), [weak = std::weak_ptr<State>(state_)] {
-    if (auto state = weak.lock()) state->canExecute = true;
-  });
-  action();
+  // The interval counts from the end of the action: a slow action that lets the main queue
+  // run (a modal loop) must not reopen the throttler before it has even returned. The re-arm
+  // is scheduled whether the action returns or throws, and from locals, since the action may
+  // well destroy this throttler.
+  auto rearm = [&queue = queue_, delay = delayOf(interval_), weak = std::weak_ptr<State>(state_)] {
+    queue.postAfter(delay, [weak] {
+      if (auto state = weak.lock()) state->canExecute = true;
+    });
+  };
+  try {
+    action();
+  } catch (...) {
+    rearm();
+    throw;
+  }
+  rearm();
 }
 
 double second(std::int64_t n) {

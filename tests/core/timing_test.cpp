@@ -66,6 +66,30 @@ TEST(ThrottlerTest, RunsAtTheLeadingEdgeAndDropsTheRest) {
   mainQueue().runFor(50ms);
 }
 
+TEST(ThrottlerTest, TheIntervalStartsWhenTheActionEnds) {
+  core::Throttler throttler(0.02);
+  std::vector<std::string> ran;
+  throttler.throttle([&] {
+    // A slow action that keeps the main queue going (a modal loop) past the interval: calls
+    // that arrive meanwhile, or right after it, are still inside the interval.
+    bool longerThanTheInterval = false;
+    mainQueue().postAfter(40ms, [&] { longerThanTheInterval = true; });
+    ASSERT_TRUE(mainQueue().runUntil([&] { return longerThanTheInterval; }, 5s));
+    throttler.throttle([&] { ran.push_back("during"); });
+    ran.push_back("slow");
+  });
+  throttler.throttle([&] { ran.push_back("right after"); });
+  EXPECT_EQ(ran, std::vector<std::string>{"slow"});
+  ASSERT_TRUE(mainQueue().runUntil([&] { return throttler.canExecute(); }, 5s));
+
+  // A throwing action must not leave the throttler closed for good.
+  EXPECT_THROW(throttler.throttle([] { throw std::runtime_error("boom"); }), std::runtime_error);
+  EXPECT_FALSE(throttler.canExecute());
+  ASSERT_TRUE(mainQueue().runUntil([&] { return throttler.canExecute(); }, 5s));
+  throttler.throttle([&] { ran.push_back("later"); });
+  EXPECT_EQ(ran, (std::vector<std::string>{"slow", "later"}));
+}
+
 TEST(TimeUnitsTest, ConvertsAndStopsOnOverflow) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // the shared executor may have threads
   EXPECT_EQ(core::TimePeriod::weeks(1).timeInterval(), 604800.0);
