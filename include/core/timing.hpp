@@ -5,7 +5,7 @@
 ///   search.debounce([] { runQuery(); });    // only the last call of a burst runs, 0.3 s later
 ///
 ///   core::Throttler taps(1.0);
-///   taps.throttle([] { openEditor(); });    // runs now; further calls within 1 s are dropped
+///   taps.throttle([] { openEditor(); });    // runs now; calls until 1 s after it are dropped
 ///
 ///   double week = core::TimePeriod::weeks(1).timeInterval();  // 604800
 ///   double spin = core::minute(5);                             // 300
@@ -42,8 +42,9 @@ class Debouncer {
 };
 
 /// Runs at most one action per `interval`, at the leading edge: a call when ready runs its
-/// action at once on the caller's thread; calls while waiting are dropped for good. The
-/// re-arm is scheduled on the main queue and does nothing once the throttler is gone.
+/// action at once on the caller's thread; calls while it runs and for `interval` after it has
+/// ended (returned or thrown) are dropped for good. The re-arm is scheduled on the main queue
+/// and does nothing once the throttler is gone.
 class Throttler {
  public:
   explicit Throttler(double interval, platform::MainQueue& queue = platform::MainQueue::shared());
