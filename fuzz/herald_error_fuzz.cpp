@@ -24,8 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto* object = value ? value->if_object() : nullptr;
     const auto* message = object ? object->if_contains("message") : nullptr;
     const auto* type = object ? object->if_contains("type") : nullptr;
-    if (message && message->is_string() && error.message != message->get_string())
-      __builtin_trap();
+    if (message && message->is_string() && error.message != message->get_string()) __builtin_trap();
     if (!(message && message->is_string()) && error.message != "Unknown Error") __builtin_trap();
     if (type && type->is_string() ? error.type != std::string_view(type->get_string())
                                   : error.type.has_value())

@@ -24,10 +24,10 @@
 namespace {
 
 // Named zones only: an empty zone keeps the one last set, which a fresh formatter cannot know.
-const char* const kZones[] = {"UTC", "Europe/Paris", "PST", "Asia/Kathmandu",
-                              "Australia/Lord_Howe", "Nowhere/Else"};
-const char* const kCalendars[] = {"", "gregorian", "buddhist", "japanese", "hebrew",
-                                  "islamic", "chinese", "ethiopic", "persian", "no-such"};
+const char* const kZones[] = {
+    "UTC", "Europe/Paris", "PST", "Asia/Kathmandu", "Australia/Lord_Howe", "Nowhere/Else"};
+const char* const kCalendars[] = {"",        "gregorian", "buddhist", "japanese", "hebrew",
+                                  "islamic", "chinese",   "ethiopic", "persian",  "no-such"};
 
 template <class T, std::size_t N>
 const T& pick(FuzzedDataProvider& in, const T (&options)[N]) {
