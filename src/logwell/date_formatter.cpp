@@ -104,7 +104,9 @@ struct DateFormatter::Impl {
     }
     out.toUTF8String(text);
 
+    // The position is the new text's own: none unless this pattern has fraction digits.
     patchable = true;
+    fractionAt = fractionLength = 0;
     int fractions = 0;
     icu::FieldPosition position;
     while (fields.next(position)) {

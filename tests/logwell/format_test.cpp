@@ -82,6 +82,10 @@ TEST(Format, CachedDatesMatchAFreshFormatter) {
   }
   logwell::detail::DateFormatter f;
   EXPECT_EQ(f.format("HH:mm:ss.SSS", "UTC", "gregorian", base + 987), "22:15:23.987");
+  // One formatter serves every pattern of a destination: a pattern without fractions must not
+  // get the digits of the one before it.
+  f.format("yyyy-MM-dd HH:mm", "UTC", "gregorian", base + 5);
+  EXPECT_EQ(f.format("yyyy-MM-dd HH:mm", "UTC", "gregorian", base + 40), "2023-11-14 22:15");
 }
 
 TEST(Format, JsonFormParsesBack) {
