@@ -6,7 +6,8 @@
 #include <curl/curl.h>
 
 #include <cstdio>
-#include <string_view>
+
+#include "floor_arguments.hpp"
 
 namespace {
 constexpr const char* kUsage =
@@ -18,16 +19,7 @@ size_t discard(char*, size_t size, size_t count, void*) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string_view arg = argc == 2 ? argv[1] : "";
-  if (arg == "--help" || arg == "-h") {
-    std::printf("%s", kUsage);
-    return 0;
-  }
-  // Anything else that starts with "-" is a mistyped option, not a URL for libcurl to guess at.
-  if (argc != 2 || arg.starts_with('-')) {
-    std::fprintf(stderr, "%s", kUsage);
-    return 2;
-  }
+  if (const auto status = floor_program::checkArguments(argc, argv, kUsage)) return *status;
   curl_global_init(CURL_GLOBAL_DEFAULT);
   CURL* curl = curl_easy_init();
   curl_slist* headers = nullptr;
