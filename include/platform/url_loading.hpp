@@ -21,7 +21,6 @@
 ///   body would be dropped, fails with `badServerResponse` naming the status and the target.
 
 #include <boost/asio/awaitable.hpp>
-
 #include <chrono>
 #include <functional>
 #include <memory>

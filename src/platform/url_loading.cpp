@@ -10,8 +10,8 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <charconv>
-#include <cstring>
 #include <condition_variable>
+#include <cstring>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -77,7 +77,8 @@ std::optional<Error> headerProblem(std::string_view field, std::string_view valu
       value.find_first_of(kBreaks) == std::string_view::npos)
     return std::nullopt;
   return urlError(url_error::badURL,
-                  "The header field \"" + std::string(field.substr(0, field.find_first_of(kBreaks))) +
+                  "The header field \"" +
+                      std::string(field.substr(0, field.find_first_of(kBreaks))) +
                       "\" holds a line break or NUL, which would add lines to the request; "
                       "nothing was sent.",
                   url);
@@ -281,10 +282,10 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
       return;
     }
     if (headersTooLarge_) {
-      fail(urlError(url_error::badServerResponse,
-                    "The response's headers are larger than " +
-                        std::to_string(kMaxHeaderBytes) + " bytes.",
-                    request_.url));
+      fail(urlError(
+          url_error::badServerResponse,
+          "The response's headers are larger than " + std::to_string(kMaxHeaderBytes) + " bytes.",
+          request_.url));
       return;
     }
     if (code == CURLE_SEND_FAIL_REWIND && replayRefused_) {

@@ -138,7 +138,8 @@ TEST(RequestFrame, CredentialsWithLineBreaksAreRefusedBeforeAnythingIsSent) {
             std::string::npos);
   EXPECT_NE(refusedHeader([&] { badJwt.makeGraphQLRequest(url, {"q"}); }).find("Authorization"),
             std::string::npos);
-  const HeraldApiClient badUser({std::nullopt, "key", "u\nX-Admin: true", "C", std::nullopt, false});
+  const HeraldApiClient badUser(
+      {std::nullopt, "key", "u\nX-Admin: true", "C", std::nullopt, false});
   EXPECT_NE(refusedHeader([&] { badUser.makeGraphQLRequest(url, {"q"}); }).find("x-herald-user-id"),
             std::string::npos);
   EXPECT_TRUE(server.requests().empty());

@@ -37,11 +37,11 @@ TEST(Tracking, ADeliveredReportIsOnePostWithTheEventAndNoCredentials) {
 TEST(Tracking, AnEndlessAnswerIsCutAfterItsStatus) {
   HttpServer server([](const auto&) { return ScriptedResponse{.endless = true}; });
   const std::string url = server.baseURL() + "/track/m-1";
-  EXPECT_NO_THROW(platform::blockOn(herald::HeraldClient::defaultClient()->tracking()->postTrackingUrl(
-      url, HeraldTrackingEvent::delivered)));
-  EXPECT_NO_THROW(platform::blockOn(
-      herald::trackMessage(boost::json::object{{"trackingUrl", "file:///dev/zero"}},
-                           HeraldTrackingEvent::delivered)));
+  EXPECT_NO_THROW(
+      platform::blockOn(herald::HeraldClient::defaultClient()->tracking()->postTrackingUrl(
+          url, HeraldTrackingEvent::delivered)));
+  EXPECT_NO_THROW(platform::blockOn(herald::trackMessage(
+      boost::json::object{{"trackingUrl", "file:///dev/zero"}}, HeraldTrackingEvent::delivered)));
   EXPECT_EQ(server.requests().size(), 1u);
 }
 

@@ -150,8 +150,8 @@ TEST_F(Host, DeadlineDeliversWhileTheReportStallsAndTheReportDeliversAgain) {
 TEST_F(Host, BaseDeliversWhateverTheTrackingUrlAnswers) {
   std::string deep = R"("x")";
   for (int i = 0; i < 100; ++i) deep = "[" + deep + "]";
-  const std::string payload = R"({"aps": {"alert": "hi", "mutable-content": 1}, "deep": )" +
-                              deep + R"(, "trackingUrl": "file:///dev/zero"})";
+  const std::string payload = R"({"aps": {"alert": "hi", "mutable-content": 1}, "deep": )" + deep +
+                              R"(, "trackingUrl": "file:///dev/zero"})";
   const auto f = host({"--extension", "base", write("p.json", payload)});
   ASSERT_EQ(f.exitCode, 0) << f.err;
   ASSERT_EQ(contents(f).size(), 1u) << f.out;

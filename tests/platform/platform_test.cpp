@@ -80,7 +80,8 @@ TEST(Attachment, AcceptsKnownTypesWithinLimitsAndRefusesTheRest) {
   };
   auto jpeg = platform::NotificationAttachment::make("a", write("p.jpg", "\xFF\xD8\xFF\xE0rest"));
   EXPECT_EQ(jpeg.type, "public.jpeg");
-  EXPECT_EQ(platform::NotificationAttachment::make("b", write("v.MP4", "video")).type, "public.mpeg-4");
+  EXPECT_EQ(platform::NotificationAttachment::make("b", write("v.MP4", "video")).type,
+            "public.mpeg-4");
 
   auto codeOf = [](const std::string& url) {
     try {
@@ -93,19 +94,22 @@ TEST(Attachment, AcceptsKnownTypesWithinLimitsAndRefusesTheRest) {
   EXPECT_EQ(codeOf(write("doc.pdf", "%PDF")), platform::attachment_error::unrecognizedFileType);
   EXPECT_EQ(codeOf(write("page.jpg", "<html>")), platform::attachment_error::invalidContents);
   EXPECT_EQ(codeOf(write("empty.png", "")), platform::attachment_error::invalidFileSize);
-  EXPECT_EQ(codeOf(platform::fileURL(dir / "missing.jpg")), platform::attachment_error::fileNotFound);
+  EXPECT_EQ(codeOf(platform::fileURL(dir / "missing.jpg")),
+            platform::attachment_error::fileNotFound);
   EXPECT_EQ(codeOf("http://example.invalid/a.jpg"), platform::attachment_error::invalidURL);
   std::filesystem::remove_all(dir);
 }
 
 TEST(Paths, DigestsExtensionsAndUUIDs) {
-  EXPECT_EQ(platform::sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(platform::sha256Hex("abc"),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_EQ(platform::pathExtension("https://h/a/b.jpeg?x=1.png#f"), "jpeg");
   EXPECT_EQ(platform::pathExtension("https://h/a/b"), "");
   const auto id = platform::newUUID();
   EXPECT_EQ(id.size(), 36u);
   EXPECT_NE(id, platform::newUUID());
-  EXPECT_EQ(platform::pathFromFileURL(platform::fileURL("/tmp/a b.jpg")), std::filesystem::path("/tmp/a b.jpg"));
+  EXPECT_EQ(platform::pathFromFileURL(platform::fileURL("/tmp/a b.jpg")),
+            std::filesystem::path("/tmp/a b.jpg"));
 }
 
 TEST(SystemLog, CapturedSinkSeesSubsystemCategoryAndLevel) {

@@ -1,3 +1,5 @@
+#include "platform/url_loading.hpp"
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -12,7 +14,6 @@
 #include <thread>
 
 #include "platform/executor.hpp"
-#include "platform/url_loading.hpp"
 #include "support/http_server.hpp"
 
 using namespace std::chrono_literals;
@@ -23,7 +24,9 @@ using testing_support::RecordedRequest;
 using testing_support::ScriptedResponse;
 
 TEST(URLLoading, SendsExactlyTheHeadersAddedInOrderWithMethodAndBody) {
-  HttpServer server([](const auto&) { return ScriptedResponse{201, {{"Content-Type", "text/plain; charset=utf-8"}}, "made"}; });
+  HttpServer server([](const auto&) {
+    return ScriptedResponse{201, {{"Content-Type", "text/plain; charset=utf-8"}}, "made"};
+  });
   auto request = URLRequest::make(server.baseURL() + "/things?x=1");
   request.method = "PUT";
   request.addValue("b-value", "X-B");
@@ -79,9 +82,13 @@ TEST(URLLoading, FailuresAreClearPlatformErrors) {
   }
 
   int closedPort;
-  { HttpServer gone; closedPort = gone.port(); }
+  {
+    HttpServer gone;
+    closedPort = gone.port();
+  }
   try {
-    URLSession::shared().dataSync(URLRequest::make("http://127.0.0.1:" + std::to_string(closedPort) + "/"));
+    URLSession::shared().dataSync(
+        URLRequest::make("http://127.0.0.1:" + std::to_string(closedPort) + "/"));
     FAIL();
   } catch (const platform::Error& e) {
     EXPECT_EQ(e.code(), platform::url_error::cannotConnectToHost);
@@ -177,8 +184,8 @@ TEST(URLLoading, ARequestWhoseBodyMayHaveBeenReadIsNeverSentTwice) {
   std::vector<std::string> wire;
   for (const auto& r : server.requests())
     if (r.target != "/warm") wire.push_back(r.method + " " + r.target);
-  EXPECT_EQ(wire, (std::vector<std::string>{"POST /track", "GET /again", "GET /again",
-                                            "PUT /token", "PUT /token"}));
+  EXPECT_EQ(wire, (std::vector<std::string>{"POST /track", "GET /again", "GET /again", "PUT /token",
+                                            "PUT /token"}));
   EXPECT_EQ(server.requests().back().body, R"({"event":"DELIVERED"})");
 }
 
@@ -214,7 +221,8 @@ TEST(URLLoading, APostFollows307And308WithItsBodyAndRefusesTheRedirectsThatDropI
 TEST(URLLoading, AHeaderWithALineBreakIsRefusedBeforeAnythingIsSent) {
   HttpServer server;
   auto request = URLRequest::make(server.baseURL() + "/");
-  for (const std::string& evil : std::vector<std::string>{"a\r\nX-Injected: 1", "a\nb", "a\rb", std::string("a\0b", 3)}) {
+  for (const std::string& evil :
+       std::vector<std::string>{"a\r\nX-Injected: 1", "a\nb", "a\rb", std::string("a\0b", 3)}) {
     EXPECT_THROW(request.addValue(evil, "Authorization"), platform::Error);
     EXPECT_THROW(request.addValue("v", evil), platform::Error);
   }
@@ -230,11 +238,12 @@ TEST(URLLoading, CancellingATaskCompletesItOnceWithCancelled) {
   HttpServer server([](const auto&) { return ScriptedResponse{200, {}, "late", 800ms}; });
   std::promise<long> code;
   int calls = 0;
-  auto task = URLSession::shared().dataTask(URLRequest::make(server.baseURL() + "/slow"),
-                                            [&](std::string, auto, std::optional<platform::Error> error) {
-                                              ++calls;
-                                              code.set_value(error ? error->code() : 0);
-                                            });
+  auto task =
+      URLSession::shared().dataTask(URLRequest::make(server.baseURL() + "/slow"),
+                                    [&](std::string, auto, std::optional<platform::Error> error) {
+                                      ++calls;
+                                      code.set_value(error ? error->code() : 0);
+                                    });
   task->resume();
   ASSERT_TRUE(server.waitForRequests(1));
   task->cancel();
@@ -247,7 +256,8 @@ TEST(URLLoading, CancellingATaskCompletesItOnceWithCancelled) {
 
 TEST(URLLoading, AwaitableFormDeliversTheBody) {
   HttpServer server([](const auto&) { return ScriptedResponse{200, {}, "async"}; });
-  auto result = platform::blockOn(URLSession::shared().data(URLRequest::make(server.baseURL() + "/")));
+  auto result =
+      platform::blockOn(URLSession::shared().data(URLRequest::make(server.baseURL() + "/")));
   EXPECT_EQ(result.data, "async");
 }
 

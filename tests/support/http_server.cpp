@@ -14,7 +14,8 @@ namespace {
 
 bool iequals(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
          });
 }
 
@@ -28,18 +29,30 @@ void sendAll(int fd, std::string_view data) {
 
 const char* reason(int status) {
   switch (status) {
-    case 200: return "OK";
-    case 204: return "No Content";
-    case 301: return "Moved Permanently";
-    case 302: return "Found";
-    case 303: return "See Other";
-    case 307: return "Temporary Redirect";
-    case 308: return "Permanent Redirect";
-    case 400: return "Bad Request";
-    case 401: return "Unauthorized";
-    case 404: return "Not Found";
-    case 500: return "Internal Server Error";
-    default: return "Status";
+    case 200:
+      return "OK";
+    case 204:
+      return "No Content";
+    case 301:
+      return "Moved Permanently";
+    case 302:
+      return "Found";
+    case 303:
+      return "See Other";
+    case 307:
+      return "Temporary Redirect";
+    case 308:
+      return "Permanent Redirect";
+    case 400:
+      return "Bad Request";
+    case 401:
+      return "Unauthorized";
+    case 404:
+      return "Not Found";
+    case 500:
+      return "Internal Server Error";
+    default:
+      return "Status";
   }
 }
 
@@ -59,7 +72,8 @@ HttpServer::HttpServer(Handler handler) : handler_(std::move(handler)) {
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   addr.sin_port = 0;
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(listener_, 64) != 0)
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      ::listen(listener_, 64) != 0)
     throw std::runtime_error("test server: cannot listen on 127.0.0.1");
   socklen_t len = sizeof addr;
   ::getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len);
@@ -79,7 +93,9 @@ HttpServer::~HttpServer() {
   for (auto& w : workers_) w.join();
 }
 
-std::string HttpServer::baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
+std::string HttpServer::baseURL() const {
+  return "http://127.0.0.1:" + std::to_string(port_);
+}
 
 void HttpServer::setHandler(Handler handler) {
   std::lock_guard lock(mutex_);
@@ -139,7 +155,8 @@ void HttpServer::serve(int fd) {
         auto value = line.substr(colon + 1);
         while (!value.empty() && value.front() == ' ') value.remove_prefix(1);
         request.headers.emplace_back(std::string(line.substr(0, colon)), std::string(value));
-        if (iequals(line.substr(0, colon), "Content-Length")) contentLength = std::stoul(std::string(value));
+        if (iequals(line.substr(0, colon), "Content-Length"))
+          contentLength = std::stoul(std::string(value));
       }
       if (end == std::string_view::npos) break;
       rest = rest.substr(end + 2);
@@ -177,7 +194,8 @@ void HttpServer::serve(int fd) {
       return;
     }
 
-    std::string out = "HTTP/1.1 " + std::to_string(response.status) + " " + reason(response.status) + "\r\n";
+    std::string out =
+        "HTTP/1.1 " + std::to_string(response.status) + " " + reason(response.status) + "\r\n";
     for (const auto& [k, v] : response.headers) out += k + ": " + v + "\r\n";
     out += "Content-Length: " + std::to_string(response.body.size()) + "\r\n\r\n";
     if (response.truncateAfter) {
