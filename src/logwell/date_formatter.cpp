@@ -39,6 +39,7 @@ const std::string& defaultCalendarType() {
 struct DateFormatter::Impl {
   std::unique_ptr<icu::SimpleDateFormat> formatter;
   bool usable = false;
+  bool patternApplied = false;
   std::string pattern, zone, calendar;
 
   std::int64_t cachedMs = std::numeric_limits<std::int64_t>::min();
@@ -58,7 +59,6 @@ struct DateFormatter::Impl {
                                                           icu::Locale::getRoot(), status);
     }
     usable = U_SUCCESS(status);
-    pattern = "\x01";  // forces the first applyPattern
   }
 
   void configure(std::string_view newPattern, std::string_view newZone,
@@ -85,9 +85,11 @@ struct DateFormatter::Impl {
       zone = newZone;
       cacheValid = false;
     }
-    if (newPattern != pattern) {
+    // Any text is a pattern a user may write, so the first one is told apart by a flag.
+    if (!patternApplied || newPattern != pattern) {
       formatter->applyPattern(fromUTF8(newPattern));
       pattern = newPattern;
+      patternApplied = true;
       cacheValid = false;
     }
   }

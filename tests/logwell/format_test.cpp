@@ -86,6 +86,11 @@ TEST(Format, CachedDatesMatchAFreshFormatter) {
   // get the digits of the one before it.
   f.format("yyyy-MM-dd HH:mm", "UTC", "gregorian", base + 5);
   EXPECT_EQ(f.format("yyyy-MM-dd HH:mm", "UTC", "gregorian", base + 40), "2023-11-14 22:15");
+  // Whatever a format holds is the pattern, even on a formatter's first use.
+  for (const std::string odd : {"", "\x01", "'x'"}) {
+    logwell::detail::DateFormatter first;
+    EXPECT_EQ(first.format(odd, "UTC", "gregorian", base), odd == "'x'" ? "x" : odd);
+  }
 }
 
 TEST(Format, JsonFormParsesBack) {
