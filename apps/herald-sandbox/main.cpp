@@ -9,6 +9,7 @@
 #include <string>
 
 #include "journal.hpp"
+#include "platform/version.hpp"
 #include "router.hpp"
 #include "routes.hpp"
 #include "server.hpp"
@@ -27,6 +28,7 @@ Options:
   --files DIR   serve the files below DIR under /files/
   --verbose     one line on standard error for every request
   --help        show this text
+  --version     show the version
 
 Endpoints:
   POST   /track/<anything>        body {"event": "CLICKED" | "DELIVERED" | "OPENED" | "READ" |
@@ -72,6 +74,9 @@ int main(int argc, char** argv) {
       };
       if (arg == "--help" || arg == "-h") {
         printHelp();
+        return 0;
+      } else if (arg == "--version") {
+        std::cout << "herald-sandbox " << platform::kVersion << "\n";
         return 0;
       } else if (arg == "--port") {
         const auto text = value();

@@ -33,6 +33,7 @@
 #include "platform/main_queue.hpp"
 #include "platform/paths.hpp"
 #include "platform/system_log.hpp"
+#include "platform/version.hpp"
 #ifdef HOST_WITH_LOGWELL
 #include "logwell/logwell.hpp"
 #endif
@@ -90,6 +91,7 @@ Options:
                      shows the first content delivered and ignores later calls
   --verbose          write the system log and the extension's debug log to standard error
   --help             show this text
+  --version          show the version
 
 Output: one JSON line on standard output for every call of the content handler:
   {"call": N, "elapsed_ms": MS, "content": {"title", "subtitle", "body", "badge", "sound",
@@ -127,7 +129,7 @@ double parseSeconds(std::string_view option, std::string_view text) {
   return value;
 }
 
-// Returns none when the program should end at once (after --help).
+// Returns none when the program should end at once (after --help or --version).
 std::optional<Options> parseOptions(int argc, char** argv) {
   Options options;
   std::vector<std::string> positional;
@@ -148,6 +150,10 @@ std::optional<Options> parseOptions(int argc, char** argv) {
     };
     if (arg == "--help" || arg == "-h") {
       printHelp();
+      return std::nullopt;
+    } else if (arg == "--version") {
+      noValue();
+      std::cout << kName << " " << platform::kVersion << "\n";
       return std::nullopt;
     } else if (arg == "--extension") {
       const auto name = value();
