@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "content_json.hpp"
+#include "core/constants.hpp"
 #include "extensions.hpp"
 #include "payload.hpp"
 #include "platform/executor.hpp"
@@ -48,13 +49,12 @@ constexpr int kExitBadInput = 2;
 constexpr int kExitNeverDelivered = 3;
 
 constexpr const char* kName = "notification-service";
-// The application's name as the phone prints it above its notifications.
-constexpr const char* kAppLabel = "KELVARA";
+constexpr const char* kAppLabel = K::Extension::appLabel;
 
 struct Options {
   std::string payloadPath;
   const host::ExtensionEntry* extension = nullptr;
-  double deadlineSeconds = 30;
+  double deadlineSeconds = K::Extension::deadlineSeconds;
   double graceSeconds = 2;
   bool verbose = false;
   bool copyable = true;
@@ -83,7 +83,8 @@ Options:
   for (const auto& entry : host::extensions())
     std::cout << "                       " << entry.name << ": " << entry.summary << "\n";
   std::cout << R"(  --deadline SECONDS time from didReceive to serviceExtensionTimeWillExpire
-                     (default 30; fractions allowed)
+                     (default )"
+            << K::Extension::deadlineSeconds << R"(; fractions allowed)
   --grace SECONDS    how long to wait after the deadline for work still running (default 2)
   --no-mutable-copy  hand over a content that cannot be copied into a mutable one
   --preview FILE.png draw the notification as the phone's lock screen would show it (app

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/constants.hpp"
 #include "platform/assets.hpp"
 #include "platform/canvas.hpp"
 #include "platform/paths.hpp"
@@ -41,9 +42,10 @@ const Color kPlaceholder{0.78, 0.78, 0.80, 1};
 
 Color brandColor() {
   try {
-    return platform::namedColor("secondaryMoonGrape").value_or(Color{0.447, 0.384, 0.580, 1});
+    return platform::namedColor(K::Colors::secondaryMoonGrape)
+        .value_or(K::Colors::secondaryMoonGrapeFallback);
   } catch (const std::exception&) {
-    return {0.447, 0.384, 0.580, 1};
+    return K::Colors::secondaryMoonGrapeFallback;
   }
 }
 

@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/constants.hpp"
+
 namespace herald {
 
 struct Endpoints {
@@ -27,9 +29,9 @@ struct Endpoints {
   std::string realtimeSocketURL;
 
   /// The GraphQL endpoint on the API host: apiBaseURL + "/client/q".
-  std::string graphQLURL() const { return apiBaseURL + "/client/q"; }
+  std::string graphQLURL() const { return apiBaseURL + std::string(K::Service::graphQLPath); }
   /// The REST base for per-user resources: apiBaseURL + "/users/".
-  std::string usersURL() const { return apiBaseURL + "/users/"; }
+  std::string usersURL() const { return apiBaseURL + std::string(K::Service::usersPath); }
 
   /// The hosted service.
   static Endpoints defaults();

@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/constants.hpp"
 #include "herald/herald_client.hpp"
 #include "platform/url_loading.hpp"
 
@@ -24,7 +25,7 @@ namespace herald {
 
 /// The largest response body the client takes from the service; a larger one fails the call
 /// with `platform::url_error::dataLengthExceedsMaximum`. Hundreds of times a full inbox page.
-inline constexpr std::size_t kMaxServiceResponseBytes = 16 << 20;
+inline constexpr std::size_t kMaxServiceResponseBytes = K::Limits::serviceResponseBytes;
 
 /// The body of every GraphQL request. `variables` is sent as the JSON *string* "{}", not as
 /// an object; the service accepts that.

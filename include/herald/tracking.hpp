@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/constants.hpp"
 #include "herald/herald_api_client.hpp"
 #include "herald/herald_error.hpp"
 
@@ -56,7 +57,7 @@ HeraldTrackingIds tag_invoke(boost::json::value_to_tag<HeraldTrackingIds>,
 
 /// How much of a tracking answer is read: only its status counts, so a longer body (or an
 /// endless one) is cut there and the rest discarded.
-inline constexpr std::size_t kMaxTrackingResponseBytes = 4096;
+inline constexpr std::size_t kMaxTrackingResponseBytes = K::Limits::trackingResponseBytes;
 
 class TrackingClient : public HeraldApiClient {
  public:

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <mutex>
 
+#include "core/constants.hpp"
 #include "platform/error.hpp"
 #include "platform/paths.hpp"
 
@@ -27,8 +28,8 @@ State& state() {
 }  // namespace
 
 Endpoints Endpoints::defaults() {
-  return Endpoints{"https://api.heraldhq.com", "https://inbox.heraldhq.com/q",
-                   "wss://realtime.heraldhq.com"};
+  return Endpoints{std::string(K::Service::apiBaseURL), std::string(K::Service::inboxGraphQLURL),
+                   std::string(K::Service::realtimeSocketURL)};
 }
 
 Endpoints Endpoints::localService(std::string_view base) {
@@ -45,7 +46,8 @@ Endpoints Endpoints::localService(std::string_view base) {
   while (!api.empty() && api.back() == '/') api.pop_back();
   const std::string socketScheme = scheme == boost::urls::scheme::https ? "wss" : "ws";
   std::string authority(parsed->encoded_host_and_port());
-  return Endpoints{api, api + "/inbox/q", socketScheme + "://" + authority + "/realtime"};
+  return Endpoints{api, api + std::string(K::Service::localInboxGraphQLPath),
+                   socketScheme + "://" + authority + std::string(K::Service::localRealtimePath)};
 }
 
 Endpoints Endpoints::current() {

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/constants.hpp"
 #include "core/kelvara_error.hpp"
 #include "herald/tracking.hpp"
 #include "herald_service/attachment_file.hpp"
@@ -38,14 +39,11 @@ void logDebug(std::string message, const char* function, int line, logwell::Cont
                            std::move(context));
 }
 
-// The application's own purple, for when the catalogue cannot be read.
-constexpr platform::Color kMoonGrapeFallback{0.447, 0.384, 0.580, 1};
-
 platform::Color fallbackBackground() {
   try {
-    return platform::namedColor(kFallbackColorName).value_or(kMoonGrapeFallback);
+    return platform::namedColor(kFallbackColorName).value_or(K::Colors::secondaryMoonGrapeFallback);
   } catch (const platform::Error&) {
-    return kMoonGrapeFallback;
+    return K::Colors::secondaryMoonGrapeFallback;
   }
 }
 
