@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# pkg_config.sh CXX PKGCONFIG_DIR VERSION: every installed herald-*.pc resolves, and a program
-# that logs through Logwell compiles and links in one line from `pkg-config --cflags --libs`.
+# pkg_config.sh CXX PKGCONFIG_DIR VERSION: every installed herald-*.pc resolves, the installed
+# headers compile with their flags, and a program that logs through Logwell compiles and links
+# in one line from `pkg-config --cflags --libs`.
 set -euo pipefail
 cxx=$1 pcdir=$2 version=$3
 
@@ -18,6 +19,14 @@ for module in "${modules[@]}"; do
   [[ "$(pkg-config --modversion "$module")" == "$version" ]] ||
     { echo "$module: version $(pkg-config --modversion "$module"), not $version" >&2; exit 1; }
 done
+
+# Every installed header compiles with the flags of the modules: none of them needs a header
+# that stayed in the source tree, or another project's folder that a .pc file does not name.
+includedir=$(pkg-config --variable=includedir herald-platform)
+(cd "$includedir" && find . -name '*.hpp' | sort | sed 's|^\./\(.*\)|#include "\1"|') >"$work/all.cpp"
+[[ -s "$work/all.cpp" ]] || { echo "no headers in $includedir" >&2; exit 1; }
+# shellcheck disable=SC2046  # the flags are meant to split
+timeout 200 "$cxx" -std=c++20 -fsyntax-only "$work/all.cpp" $(pkg-config --cflags "${modules[@]}")
 
 cat >"$work/hello.cpp" <<'CPP'
 #include "logwell/logwell.hpp"
