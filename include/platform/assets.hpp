@@ -5,9 +5,10 @@
 ///   auto color = platform::namedColor("secondaryMoonGrape");   // std::optional<Color>
 ///   auto icon = platform::namedImage("icon-person-person");    // std::optional<Image>
 ///
-/// The folder is `$HERALD_ASSETS_DIR` when set; otherwise the first `assets/` folder found
-/// beside or above the running program (`../../assets` from build/bin); otherwise the
-/// source tree's folder that the build compiled in.
+/// The folder is `$HERALD_ASSETS_DIR` when set; otherwise an installed program's
+/// `../share/herald/assets`; otherwise the first `assets/` folder found beside or above the
+/// running program (`../../assets` from build/bin); otherwise the source tree's folder that
+/// the build compiled in.
 
 #include <filesystem>
 #include <optional>

@@ -61,7 +61,9 @@ fs::path assetsDirectory() {
   if (const char* env = std::getenv("HERALD_ASSETS_DIR"); env && *env) return env;
   std::error_code ec;
   if (auto dir = executableDirectory()) {
-    for (const char* relative : {"assets", "../assets", "../../assets", "../share/herald/assets"}) {
+    // An installed program's own catalogue comes first, so that a stray assets/ folder near
+    // the prefix is never taken for it.
+    for (const char* relative : {"../share/herald/assets", "assets", "../assets", "../../assets"}) {
       auto candidate = (*dir / relative).lexically_normal();
       if (fs::is_directory(candidate, ec)) return candidate;
     }
