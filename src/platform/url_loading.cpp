@@ -255,64 +255,70 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     curl_multi_add_handle(loader.multi, easy_);
   }
 
-  // Runs on the loader thread, once curl is done with the handle.
+  // Runs on the loader thread, once curl is done with the handle. A transfer that one of
+  // our callbacks stopped ends with the reason it noted, whatever code curl gives for it.
   void finished(CURLcode code) {
-    if (code == CURLE_OK || (code == CURLE_WRITE_ERROR && truncated_)) {
+    if (code == CURLE_OK || stop_ == Stop::truncated) {
       long status = 0;
       curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
       char* effective = nullptr;
       curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
       URLResponse response{effective ? effective : request_.url, std::nullopt, std::move(headers_)};
       if (status != 0) response.statusCode = status;
-      response.truncated = truncated_;
+      response.truncated = stop_ == Stop::truncated;
       complete(DataResult{std::move(body_), std::move(response)});
       return;
     }
-    if (refusedRedirect_) {
-      fail(urlError(url_error::badServerResponse,
-                    "The server answered the " + request_.method + " with " +
-                        std::to_string(refusedRedirect_) + " and a redirect to " + location_ +
-                        "; following it would drop the request's body, so it was not followed.",
-                    request_.url));
-      return;
-    }
-    if (outOfMemory_) {
-      fail(urlError(url_error::cannotWriteToFile,
-                    "There was not enough memory to hold the response.", request_.url));
-      return;
-    }
-    if (headersTooLarge_) {
-      fail(urlError(
-          url_error::badServerResponse,
-          "The response's headers are larger than " + std::to_string(kMaxHeaderBytes) + " bytes.",
-          request_.url));
-      return;
-    }
-    if (code == CURLE_SEND_FAIL_REWIND && replayRefused_) {
-      fail(urlError(url_error::networkConnectionLost,
-                    "The network connection was lost after the " + request_.method +
-                        " may have reached the server; it was not sent again.",
-                    request_.url));
-      return;
-    }
-    if (code == CURLE_WRITE_ERROR && tooLarge_) {
-      fail(urlError(url_error::dataLengthExceedsMaximum,
-                    "The response is larger than the allowed " +
-                        std::to_string(*request_.maxResponseBytes) + " bytes.",
-                    request_.url));
-      return;
-    }
-    if (code == CURLE_ABORTED_BY_CALLBACK && idle_) {
-      fail(urlError(url_error::timedOut,
-                    "The request timed out. (no data for " +
-                        std::to_string(request_.timeout.count()) + " ms)",
-                    request_.url));
-      return;
-    }
-    fail(translate(code, errorBuffer_, request_.url));
+    fail(stoppedError().value_or(translate(code, errorBuffer_, request_.url)));
   }
 
  private:
+  // Why one of our callbacks stopped the transfer, as the caller reads it.
+  enum class Stop {
+    none,
+    truncated,
+    tooLarge,
+    outOfMemory,
+    headersTooLarge,
+    replayRefused,
+    redirectRefused,
+    idle
+  };
+
+  std::optional<Error> stoppedError() const {
+    const auto error = [&](long code, std::string description) {
+      return urlError(code, std::move(description), request_.url);
+    };
+    switch (stop_) {
+      case Stop::none:
+      case Stop::truncated:
+        return std::nullopt;
+      case Stop::tooLarge:
+        return error(url_error::dataLengthExceedsMaximum,
+                     "The response is larger than the allowed " +
+                         std::to_string(*request_.maxResponseBytes) + " bytes.");
+      case Stop::outOfMemory:
+        return error(url_error::cannotWriteToFile,
+                     "There was not enough memory to hold the response.");
+      case Stop::headersTooLarge:
+        return error(url_error::badServerResponse, "The response's headers are larger than " +
+                                                       std::to_string(kMaxHeaderBytes) + " bytes.");
+      case Stop::replayRefused:
+        return error(url_error::networkConnectionLost,
+                     "The network connection was lost after the " + request_.method +
+                         " may have reached the server; it was not sent again.");
+      case Stop::redirectRefused:
+        return error(url_error::badServerResponse,
+                     "The server answered the " + request_.method + " with " +
+                         std::to_string(status_) + " and a redirect to " + location_ +
+                         "; following it would drop the request's body, so it was not followed.");
+      case Stop::idle:
+        return error(url_error::timedOut, "The request timed out. (no data for " +
+                                              std::to_string(request_.timeout.count()) + " ms)");
+    }
+    return std::nullopt;
+  }
+
   std::optional<DataResult> answerFromCache() {
     const auto policy = request_.cachePolicy;
     if (policy != CachePolicy::returnCacheDataElseLoad &&
@@ -398,12 +404,10 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     task->lastActivity_ = std::chrono::steady_clock::now();
     const auto& limit = task->request_.maxResponseBytes;
     if (limit && task->body_.size() + n > *limit) {
-      if (task->request_.responseOverflow == ResponseOverflow::truncate) {
-        task->append(data, *limit - task->body_.size());
-        task->truncated_ = !task->outOfMemory_;
-      } else {
-        task->tooLarge_ = true;
-      }
+      if (task->request_.responseOverflow == ResponseOverflow::fail)
+        task->stop_ = Stop::tooLarge;
+      else if (task->append(data, *limit - task->body_.size()))
+        task->stop_ = Stop::truncated;
       return 0;
     }
     return task->append(data, n) ? n : 0;
@@ -414,7 +418,7 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
       body_.append(data, n);
       return true;
     } catch (const std::exception&) {
-      outOfMemory_ = true;
+      stop_ = Stop::outOfMemory;
       return false;
     }
   }
@@ -425,13 +429,13 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     task->lastActivity_ = std::chrono::steady_clock::now();
     task->headerBytes_ += n;
     if (task->headerBytes_ > kMaxHeaderBytes) {
-      task->headersTooLarge_ = true;
+      task->stop_ = Stop::headersTooLarge;
       return 0;
     }
     try {
       return task->takeHeader(std::string_view(data, n)) ? n : 0;
     } catch (const std::exception&) {
-      task->outOfMemory_ = true;
+      task->stop_ = Stop::outOfMemory;
       return 0;
     }
   }
@@ -458,7 +462,7 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     } else if (line.empty() && !location_.empty() && request_.method != "GET" &&
                request_.method != "HEAD" && (status_ == 301 || status_ == 302 || status_ == 303)) {
       // curl would follow these as a GET without the body.
-      refusedRedirect_ = status_;
+      stop_ = Stop::redirectRefused;
       return false;
     }
     return true;
@@ -481,7 +485,7 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     auto* task = static_cast<CurlTask*>(self);
     if (offset != 0 || origin != SEEK_SET) return CURL_SEEKFUNC_CANTSEEK;
     if (task->bodyOffset_ != 0 && !task->answered_ && !isRepeatable(task->request_.method)) {
-      task->replayRefused_ = true;
+      task->stop_ = Stop::replayRefused;
       return CURL_SEEKFUNC_FAIL;
     }
     task->bodyOffset_ = 0;
@@ -504,7 +508,7 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
   static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     auto* task = static_cast<CurlTask*>(self);
     if (std::chrono::steady_clock::now() - task->lastActivity_ > task->request_.timeout) {
-      task->idle_ = true;
+      task->stop_ = Stop::idle;
       return 1;
     }
     return 0;
@@ -549,13 +553,7 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
   int status_ = 0;              // of the response whose headers are arriving
   std::string location_;
   bool answered_ = false;  // a status line came since the body was last read
-  bool tooLarge_ = false;
-  bool truncated_ = false;
-  bool outOfMemory_ = false;
-  bool headersTooLarge_ = false;
-  bool replayRefused_ = false;
-  int refusedRedirect_ = 0;
-  bool idle_ = false;
+  Stop stop_ = Stop::none;
   std::chrono::steady_clock::time_point lastActivity_;
 };
 
