@@ -49,7 +49,6 @@ constexpr int kExitBadInput = 2;
 constexpr int kExitNeverDelivered = 3;
 
 constexpr const char* kName = "notification-service";
-constexpr const char* kAppLabel = K::Extension::appLabel;
 
 struct Options {
   std::string payloadPath;
@@ -337,7 +336,7 @@ int run(const Options& options) {
   }
   if (options.previewPath && delivery->shown) {
     try {
-      host::drawPreview(*delivery->shown, kAppLabel, *options.previewPath);
+      host::drawPreview(*delivery->shown, K::Extension::appLabel, *options.previewPath);
     } catch (const std::exception& e) {
       std::cerr << kName << ": " << e.what() << "\n";
     }

@@ -40,15 +40,6 @@ const Color kPrimaryText{0.07, 0.07, 0.08, 1};
 const Color kSecondaryText{0.45, 0.45, 0.48, 1};
 const Color kPlaceholder{0.78, 0.78, 0.80, 1};
 
-Color brandColor() {
-  try {
-    return platform::namedColor(K::Colors::secondaryMoonGrape)
-        .value_or(K::Colors::secondaryMoonGrapeFallback);
-  } catch (const std::exception&) {
-    return K::Colors::secondaryMoonGrapeFallback;
-  }
-}
-
 bool isContinuationByte(char c) {
   return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
@@ -130,7 +121,9 @@ std::optional<Image> loadThumbnail(const platform::NotificationContent& content)
 
 // The app icon: the brand colour with the app's initial.
 void drawAppIcon(Canvas& canvas, Rect rect, std::string_view appName) {
-  canvas.fillRoundedRect(rect, rect.width * 0.225, brandColor());
+  canvas.fillRoundedRect(
+      rect, rect.width * 0.225,
+      platform::namedColor(K::Colors::secondaryMoonGrape, K::Colors::secondaryMoonGrapeFallback));
   const std::string letter = appName.empty() ? "?" : std::string(appName.substr(0, 1));
   const auto font = Font::boldSystem(rect.width * 0.55);
   const auto size = canvas.measureText(letter, font);

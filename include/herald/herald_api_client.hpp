@@ -17,15 +17,10 @@
 #include <string_view>
 #include <vector>
 
-#include "core/constants.hpp"
 #include "herald/herald_client.hpp"
 #include "platform/url_loading.hpp"
 
 namespace herald {
-
-/// The largest response body the client takes from the service; a larger one fails the call
-/// with `platform::url_error::dataLengthExceedsMaximum`. Hundreds of times a full inbox page.
-inline constexpr std::size_t kMaxServiceResponseBytes = K::Limits::serviceResponseBytes;
 
 /// The body of every GraphQL request. `variables` is sent as the JSON *string* "{}", not as
 /// an object; the service accepts that.

@@ -18,7 +18,6 @@
 #include <string>
 #include <string_view>
 
-#include "core/constants.hpp"
 #include "herald/herald_api_client.hpp"
 #include "herald/herald_error.hpp"
 
@@ -54,10 +53,6 @@ void tag_invoke(boost::json::value_from_tag, boost::json::value& json,
                 const HeraldTrackingIds& ids);
 HeraldTrackingIds tag_invoke(boost::json::value_to_tag<HeraldTrackingIds>,
                              const boost::json::value& json);
-
-/// How much of a tracking answer is read: only its status counts, so a longer body (or an
-/// endless one) is cut there and the rest discarded.
-inline constexpr std::size_t kMaxTrackingResponseBytes = K::Limits::trackingResponseBytes;
 
 class TrackingClient : public HeraldApiClient {
  public:

@@ -8,7 +8,6 @@
 
 #include <string_view>
 
-#include "core/constants.hpp"
 #include "platform/canvas.hpp"
 
 namespace herald_service {
@@ -19,10 +18,6 @@ inline constexpr double kAvatarSide = 80;
 inline constexpr double kInitialsFontSize = 40;
 /// Side of the square that the fallback icon is drawn into.
 inline constexpr double kIconSide = 32;
-/// The catalogue's image for a sender with neither picture nor initials.
-inline constexpr const char* kFallbackIconName = K::Images::personIcon;
-/// The catalogue's colour behind the fallback icon.
-inline constexpr const char* kFallbackColorName = K::Colors::secondaryMoonGrape;
 
 /// The colour of a hexadecimal colour text such as "#3A7BD5" or "#FFF".
 ///

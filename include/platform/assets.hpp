@@ -28,6 +28,10 @@ std::filesystem::path assetsDirectory();
 /// in the "Assets" domain naming the file and what is wrong.
 std::optional<Color> namedColor(std::string_view name);
 
+/// The same colour where drawing must go on whatever the catalogue holds: `fallback` when the
+/// file is missing or malformed.
+Color namedColor(std::string_view name, Color fallback);
+
 /// The image `images/NAME.png`; none when there is no such file or it is not a PNG image.
 std::optional<Image> namedImage(std::string_view name);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/json/object.hpp>
 
+#include "core/constants.hpp"
 #include "herald/herald_agent.hpp"
 #include "herald/herald_error.hpp"
 #include "platform/json.hpp"
@@ -24,7 +25,7 @@ platform::URLRequest newRequest(std::string_view url) {
   auto request = platform::URLRequest::make(url);
   request.cachePolicy = platform::CachePolicy::useProtocolCachePolicy;
   request.timeout = std::chrono::seconds(60);
-  request.maxResponseBytes = kMaxServiceResponseBytes;
+  request.maxResponseBytes = K::Limits::serviceResponseBytes;
   return request;
 }
 

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "core/constants.hpp"
 #include "herald/herald_client.hpp"
 #include "platform/executor.hpp"
 #include "platform/json.hpp"
@@ -89,7 +90,7 @@ boost::asio::awaitable<void> TrackingClient::postTrackingUrl(std::string url,
     r.body = platform::toJSON(boost::json::object{{"event", toString(event)}});
   });
   // Only the status counts; the start of the body is kept for the log, the rest is not read.
-  request.maxResponseBytes = kMaxTrackingResponseBytes;
+  request.maxResponseBytes = K::Limits::trackingResponseBytes;
   request.responseOverflow = platform::ResponseOverflow::truncate;
   const std::vector<int> accepted{200};
   co_await sendRequest(std::move(request), accepted);

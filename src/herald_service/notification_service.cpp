@@ -39,14 +39,6 @@ void logDebug(std::string message, const char* function, int line, logwell::Cont
                            std::move(context));
 }
 
-platform::Color fallbackBackground() {
-  try {
-    return platform::namedColor(kFallbackColorName).value_or(K::Colors::secondaryMoonGrapeFallback);
-  } catch (const platform::Error&) {
-    return K::Colors::secondaryMoonGrapeFallback;
-  }
-}
-
 std::optional<platform::IntentImage> senderImage(const NotificationMessage& message) {
   const auto& address = message.isTeamNotification.value_or(false) ? message.teamProfilePictureURL
                                                                    : message.profilePictureURL;
@@ -59,8 +51,10 @@ std::optional<platform::IntentImage> senderImage(const NotificationMessage& mess
       return platform::IntentImage::withImageData(std::move(*png));
   }
 
-  const auto icon = platform::namedImage(kFallbackIconName).value_or(platform::Image());
-  if (auto png = drawIconImage(icon, fallbackBackground()).pngData())
+  const auto icon = platform::namedImage(K::Images::personIcon).value_or(platform::Image());
+  const auto background =
+      platform::namedColor(K::Colors::secondaryMoonGrape, K::Colors::secondaryMoonGrapeFallback);
+  if (auto png = drawIconImage(icon, background).pngData())
     return platform::IntentImage::withImageData(std::move(*png));
   return std::nullopt;
 }

@@ -97,6 +97,14 @@ std::optional<Color> namedColor(std::string_view name) {
   return color;
 }
 
+Color namedColor(std::string_view name, Color fallback) {
+  try {
+    return namedColor(name).value_or(fallback);
+  } catch (const std::exception&) {
+    return fallback;
+  }
+}
+
 std::optional<Image> namedImage(std::string_view name) {
   if (!isPlainName(name)) return std::nullopt;
   const auto bytes = readFile(assetsDirectory() / "images" / (std::string(name) + ".png"));

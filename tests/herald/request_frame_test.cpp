@@ -5,6 +5,7 @@
 #include <fstream>
 #include <functional>
 
+#include "core/constants.hpp"
 #include "herald/endpoints.hpp"
 #include "herald/herald_agent.hpp"
 #include "herald/herald_api_client.hpp"
@@ -115,7 +116,7 @@ TEST(RequestFrame, RefusalsTakeMessageAndTypeOnlyWhenTheyAreStrings) {
             HeraldError(422, "Too deep?", "t"));
   // A body far larger than any answer of the service is an error of its own.
   try {
-    refused({500, {}, std::string(herald::kMaxServiceResponseBytes + 1, ' ')});
+    refused({500, {}, std::string(K::Limits::serviceResponseBytes + 1, ' ')});
     ADD_FAILURE() << "an oversized body was taken";
   } catch (const platform::Error& e) {
     EXPECT_EQ(e.code(), platform::url_error::dataLengthExceedsMaximum);

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "core/constants.hpp"
 #include "herald_service/attachment_file.hpp"
 #include "platform/assets.hpp"
 #include "platform/error.hpp"
@@ -77,9 +78,9 @@ TEST(Avatar, InitialsAreWhiteAndCentredOnTheBackground) {
 }
 
 TEST(Avatar, TheIconIsTintedWhiteInTheCentredSquare) {
-  const auto icon = platform::namedImage(kFallbackIconName);
+  const auto icon = platform::namedImage(K::Images::personIcon);
   ASSERT_TRUE(icon);
-  const Color grape = platform::namedColor(kFallbackColorName).value();
+  const Color grape = platform::namedColor(K::Colors::secondaryMoonGrape).value();
   const auto image = drawIconImage(*icon, grape);
   // The icon's head is at (16, 10) of its 32-point square, which starts at (24, 24).
   expectColor(image.pixel(24 + 16, 24 + 10), Color::white());
