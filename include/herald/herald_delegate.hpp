@@ -13,6 +13,8 @@
 ///   AppDelegate delegate;   // registers for remote notifications; becomes both delegates
 
 #include <boost/json/object.hpp>
+#include <atomic>
+#include <memory>
 
 #include "herald/herald.hpp"
 #include "platform/application.hpp"
@@ -48,6 +50,8 @@ class HeraldDelegate : public platform::ApplicationDelegate,
 
  private:
   Herald& herald_;
+  // Read on the main queue by the hooks' tasks, which may finish after the delegate is gone.
+  std::shared_ptr<std::atomic<bool>> alive_;
 };
 
 }  // namespace herald
