@@ -6,6 +6,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <atomic>
 #include <charconv>
 #include <chrono>
@@ -60,12 +61,8 @@ struct Options {
   std::optional<std::string> previewPath;
 };
 
-void printHelp() {
-  std::cout << "Usage: " << kName << R"( [options] PAYLOAD.json
-       )" << kName
-            << R"( [options] -          (reads the payload from standard input)
-
-Stands in for the phone's notification-service extension point: builds a notification
+constexpr const char* kDescription =
+    R"(Stands in for the phone's notification-service extension point: builds a notification
 request from an APNs-style push payload, calls the extension's didReceive on a thread of its
 own, calls serviceExtensionTimeWillExpire from another thread at the deadline, and runs the
 main queue on the main thread meanwhile.
@@ -74,26 +71,10 @@ The payload's "aps" gives the content: "alert" (an object with "title", "subtitl
 or a string that is the body), "badge", "sound", "thread-id", "category"; every top-level
 key, "aps" included, goes into the user info. Without "aps.mutable-content": 1 the phone
 would not call an extension at all; the host says so on standard error and runs it anyway.
-
-Options:
-  --extension NAME   the extension class to load (default: )"
-            << host::defaultExtension().name << R"()
 )";
-  for (const auto& entry : host::extensions())
-    std::cout << "                       " << entry.name << ": " << entry.summary << "\n";
-  std::cout << R"(  --deadline SECONDS time from didReceive to serviceExtensionTimeWillExpire
-                     (default )"
-            << K::Extension::deadlineSeconds << R"(; fractions allowed)
-  --grace SECONDS    how long to wait after the deadline for work still running (default 2)
-  --no-mutable-copy  hand over a content that cannot be copied into a mutable one
-  --preview FILE.png draw the notification as the phone's lock screen would show it (app
-                     name, sender avatar, texts, thumbnail) and write it as a PNG; the phone
-                     shows the first content delivered and ignores later calls
-  --verbose          write the system log and the extension's debug log to standard error
-  --help             show this text
-  --version          show the version
 
-Output: one JSON line on standard output for every call of the content handler:
+constexpr const char* kFooter =
+    R"(Output: one JSON line on standard output for every call of the content handler:
   {"call": N, "elapsed_ms": MS, "content": {"title", "subtitle", "body", "badge", "sound",
    "threadIdentifier", "categoryIdentifier", "userInfo",
    "attachments": [{"identifier", "url", "type", "options"}], "communication"},
@@ -102,97 +83,164 @@ N counts the calls from 1; MS is the time since didReceive was called; absent va
 null. "communication" is null for a plain notification, else {"sender": {"displayName",
 "image"}} with "image" {"url": …} for a picture the phone loads itself, {"png": PATH} for a
 drawn one (written beside the attachments), or null. "donatedInteractions" lists what the
-extension donated so far. Whatever the extension prints itself goes to standard error, so standard output holds
-these lines only. The host ends once the handler has been called and no work of the extension is still
-running, or GRACE seconds after the deadline, whichever comes first.
+extension donated so far. Whatever the extension prints itself goes to standard error, so
+standard output holds these lines only. The host ends once the handler has been called and
+no work of the extension is still running, or GRACE seconds after the deadline, whichever
+comes first.
 
 Exit status:
   0  the content handler was called at least once
   2  bad options, or a payload that is missing, not JSON or not a JSON object
      (one line on standard error; nothing on standard output)
-  3  the content handler was never called
-)";
-}
+  3  the content handler was never called)";
+
+// The help reads like a manual page: both forms of the command line first, then what the
+// host does, then the options; CLI11's own layout would put the description first.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter() { column_width(21); }
+  std::string make_description(const CLI::App*) const override { return {}; }
+  std::string make_usage(const CLI::App* app, std::string) const override {
+    return std::string("Usage: ") + kName + " [options] PAYLOAD.json\n       " + kName +
+           " [options] -          (reads the payload from standard input)\n\n" +
+           app->get_description();
+  }
+};
 
 struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-double parseSeconds(std::string_view option, std::string_view text) {
+// Seconds as the host takes them: a plain decimal number from 0 to a day.
+std::optional<double> parseSeconds(std::string_view text) {
   double value = 0;
   const auto* end = text.data() + text.size();
   auto [ptr, ec] = std::from_chars(text.data(), end, value);
   if (text.empty() || ec != std::errc() || ptr != end || !std::isfinite(value) || value < 0 ||
       value > 86400)
-    throw UsageError(std::string(option) + " takes a number of seconds between 0 and 86400, not '" +
-                     std::string(text) + "'");
+    return std::nullopt;
   return value;
+}
+
+CLI::Validator secondsValidator() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        if (parseSeconds(text)) return {};
+        return "takes a number of seconds between 0 and 86400, not '" + text + "'";
+      },
+      "");
+}
+
+std::string knownExtensions() {
+  std::string known;
+  for (const auto& entry : host::extensions())
+    known += (known.empty() ? "" : ", ") + std::string(entry.name);
+  return known;
+}
+
+// One line that says what is wrong with the command line, in the host's words where
+// CLI11's would name its internals.
+std::string describe(const CLI::ParseError& error, const CLI::App& app) {
+  if (dynamic_cast<const CLI::ExtrasError*>(&error)) {
+    for (const auto& arg : app.remaining())
+      if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "' (see --help)";
+    return "give exactly one payload";
+  }
+  const std::string text = error.what();
+  // "--deadline: takes a number of seconds ...": the validators below word it as a sentence.
+  if (dynamic_cast<const CLI::ValidationError*>(&error) && text.starts_with("--"))
+    if (const auto colon = text.find(": "); colon != std::string::npos)
+      return text.substr(0, colon) + " " + text.substr(colon + 2);
+  // "verbose was given a disallowed flag override"
+  if (const auto at = text.find(" was given a disallowed flag override"); at != std::string::npos)
+    return "--" + text.substr(0, at) + " takes no value";
+  // "--deadline: 1 required SECONDS missing"
+  if (text.ends_with(" missing") && text.find(" required ") != std::string::npos)
+    return text.substr(0, text.find(':')) + " needs a value";
+  return text;
 }
 
 // Returns none when the program should end at once (after --help or --version).
 std::optional<Options> parseOptions(int argc, char** argv) {
+  CLI::App app(kDescription, kName);
+  app.formatter(std::make_shared<HelpFormatter>());
+  app.footer(kFooter);
+  app.set_help_flag();  // added again below, so that it comes last in the list
+
   Options options;
-  std::vector<std::string> positional;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    std::optional<std::string> inlineValue;
-    if (arg.starts_with("--") && arg.find('=') != std::string::npos) {
-      inlineValue = arg.substr(arg.find('=') + 1);
-      arg = arg.substr(0, arg.find('='));
-    }
-    auto value = [&]() -> std::string {
-      if (inlineValue) return *inlineValue;
-      if (i + 1 >= argc) throw UsageError(arg + " needs a value");
-      return argv[++i];
-    };
-    auto noValue = [&] {
-      if (inlineValue) throw UsageError(arg + " takes no value");
-    };
-    if (arg == "--help" || arg == "-h") {
-      printHelp();
-      return std::nullopt;
-    } else if (arg == "--version") {
-      noValue();
-      std::cout << kName << " " << platform::kVersion << "\n";
-      return std::nullopt;
-    } else if (arg == "--extension") {
-      const auto name = value();
-      options.extension = host::findExtension(name);
-      if (!options.extension) {
-        std::string known;
-        for (const auto& entry : host::extensions())
-          known += (known.empty() ? "" : ", ") + std::string(entry.name);
-        throw UsageError("unknown extension '" + name + "' (this host has: " + known + ")");
-      }
-    } else if (arg == "--deadline") {
-      options.deadlineSeconds = parseSeconds(arg, value());
-    } else if (arg == "--grace") {
-      options.graceSeconds = parseSeconds(arg, value());
-    } else if (arg == "--verbose") {
-      noValue();
-      options.verbose = true;
-    } else if (arg == "--preview") {
-      const std::filesystem::path file = value();
-      std::error_code ec;
-      const auto dir = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
-      if (file.filename().empty() || !std::filesystem::is_directory(dir, ec))
-        throw UsageError("--preview needs a file in an existing directory, not '" + file.string() +
-                         "'");
-      options.previewPath = file.string();
-    } else if (arg == "--no-mutable-copy") {
-      noValue();
-      options.copyable = false;
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      throw UsageError("unknown option '" + arg + "' (see --help)");
-    } else {
-      positional.push_back(arg);
-    }
+  std::string extension(host::defaultExtension().name);
+  std::string extensionHelp = "the extension class to load (default: " + extension + ")";
+  for (const auto& entry : host::extensions())
+    extensionHelp += "\n  " + std::string(entry.name) + ": " + std::string(entry.summary);
+  app.add_option("--extension", extension, extensionHelp)
+      ->type_name("NAME")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->check(CLI::Validator(
+          [](std::string& name) -> std::string {
+            if (host::findExtension(name)) return {};
+            return "takes one of " + knownExtensions() + ", not '" + name + "'";
+          },
+          ""));
+  std::ostringstream deadlineHelp;
+  deadlineHelp << "time from didReceive to serviceExtensionTimeWillExpire\n(default "
+               << K::Extension::deadlineSeconds << "; fractions allowed)";
+  app.add_option("--deadline", options.deadlineSeconds, deadlineHelp.str())
+      ->type_name("SECONDS")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->check(secondsValidator());
+  app.add_option("--grace", options.graceSeconds,
+                 "how long to wait after the deadline for work still running (default 2)")
+      ->type_name("SECONDS")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->check(secondsValidator());
+  bool noMutableCopy = false;
+  app.add_flag("--no-mutable-copy", noMutableCopy,
+               "hand over a content that cannot be copied into a mutable one")
+      ->disable_flag_override();
+  std::string preview;
+  app.add_option("--preview", preview,
+                 "draw the notification as the phone's lock screen would show it (app\n"
+                 "name, sender avatar, texts, thumbnail) and write it as a PNG; the phone\n"
+                 "shows the first content delivered and ignores later calls")
+      ->type_name("FILE.png")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->check(CLI::Validator(
+          [](std::string& text) -> std::string {
+            const std::filesystem::path file = text;
+            std::error_code ec;
+            const auto dir =
+                file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
+            if (file.filename().empty() || !std::filesystem::is_directory(dir, ec))
+              return "needs a file in an existing directory, not '" + text + "'";
+            return {};
+          },
+          ""));
+  app.add_flag("--verbose", options.verbose,
+               "write the system log and the extension's debug log to standard error")
+      ->disable_flag_override();
+  // Not required in CLI11's sense: its check would hide an unknown option behind "no payload".
+  app.add_option("PAYLOAD", options.payloadPath)->group("");
+  app.set_help_flag("-h,--help", "show this text")->disable_flag_override();
+  app.set_version_flag("--version", std::string(kName) + " " + platform::kVersion,
+                       "show the version")
+      ->disable_flag_override();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    std::cout << app.help();
+    return std::nullopt;
+  } catch (const CLI::CallForVersion& version) {
+    std::cout << version.what() << "\n";
+    return std::nullopt;
+  } catch (const CLI::ParseError& error) {
+    throw UsageError(describe(error, app));
   }
-  if (positional.size() != 1)
-    throw UsageError(positional.empty() ? "no payload given (a file, or - for standard input)"
-                                        : "give exactly one payload");
-  options.payloadPath = positional.front();
-  if (!options.extension) options.extension = &host::defaultExtension();
+  if (app.count("PAYLOAD") == 0)
+    throw UsageError("no payload given (a file, or - for standard input)");
+  options.extension = host::findExtension(extension);
+  options.copyable = !noMutableCopy;
+  if (!preview.empty()) options.previewPath = preview;
   return options;
 }
 
