@@ -64,15 +64,16 @@ class Application {
   /// "remote notifications are not available on this machine" (domain "NSCocoaErrorDomain",
   /// code 3010, the phone's code for a simulator).
   void setRemoteNotificationRegistrar(std::function<RemoteRegistration()> registrar);
-  /// Asks for a device token; the outcome reaches the delegate set at that time, later, on
-  /// the main queue.
+  /// Asks for a device token: the registrar is called now, and its outcome reaches the
+  /// delegate set when it is delivered, later, on the main queue (none set then: nobody
+  /// hears it).
   void registerForRemoteNotifications();
   /// How many times registration was asked for.
   int registrationRequests() const;
 
   /// Opens a URL the way the phone would (the settings page of the application, a link);
   /// the host decides what that means. Without an opener the URL is written to standard
-  /// error as "open: URL". Returns what the opener returned.
+  /// error as "open: URL" and true returned. Returns what the opener returned.
   bool open(std::string_view url);
   void setURLOpener(std::function<bool(std::string_view url)> opener);
   /// The URL of this application's page in the system settings.
@@ -150,7 +151,7 @@ class UserNotificationCenter {
   /// asks a person only once.
   void setAuthorizationDecider(std::function<AuthorizationStatus(AuthorizationOptions)> decider);
   /// Asks for permission; returns whether it was granted (authorized, provisional or
-  /// ephemeral).
+  /// ephemeral). A decider that answers `notDetermined` counts as `denied`.
   boost::asio::awaitable<bool> requestAuthorization(AuthorizationOptions options);
   /// The status now (`notDetermined` until asked).
   boost::asio::awaitable<AuthorizationStatus> authorizationStatus();
@@ -169,6 +170,7 @@ class UserNotificationCenter {
 
  private:
   mutable std::mutex mutex_;
+  std::mutex asking_;  // held while the decider runs, so that it runs once
   UserNotificationCenterDelegate* delegate_ = nullptr;
   std::function<AuthorizationStatus(AuthorizationOptions)> decider_;
   AuthorizationStatus status_ = AuthorizationStatus::notDetermined;

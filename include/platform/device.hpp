@@ -12,8 +12,9 @@
 ///   user has not allowed tracking);
 /// - model: the machine's product name (`/sys/class/dmi/id/product_name`), else "Linux".
 ///
-///   platform::DeviceIdentity identity = platform::DeviceIdentity::current();
-///   identity.bundleIdentifier = "app.kelvara.photo";
+///   // machine(bundle), not current() with the bundle set afterwards: the vendor id is
+///   // made from the bundle identifier.
+///   auto identity = platform::DeviceIdentity::machine("app.kelvara.photo");
 ///   identity.advertisingTrackingEnabled = true;
 ///   platform::DeviceIdentity::setCurrent(identity);
 
@@ -31,8 +32,7 @@ struct DeviceIdentity {
   std::optional<std::string> vendorIdentifier;
   std::string localizedModel;
 
-  /// What the program set, else the machine's defaults (for the bundle identifier given
-  /// there, if any).
+  /// What the program set with `setCurrent`, else `machine()` (no bundle identifier).
   static DeviceIdentity current();
   /// Overrides every field for the rest of the process; none goes back to the machine's.
   static void setCurrent(std::optional<DeviceIdentity> identity);
