@@ -149,15 +149,6 @@ TEST(Application, RegistrationOutcomesReachTheDelegateOfTheMomentOnTheMainQueue)
   main.runFor(50ms);
   EXPECT_EQ(second.heard.size(), 2u);
   EXPECT_EQ(app.registrationRequests(), requestsBefore + 3);
-
-  std::string opened;
-  app.setURLOpener([&](std::string_view url) {
-    opened = url;
-    return false;
-  });
-  EXPECT_FALSE(app.open(platform::Application::openSettingsURLString));
-  EXPECT_EQ(opened, "app-settings:");
-  app.setURLOpener(nullptr);
 }
 
 namespace {
@@ -209,13 +200,7 @@ TEST(UserNotificationCenter, AsksForPermissionOnceAndHandsNotificationsToTheDele
   platform::MutableNotificationContent content;
   content.userInfo["id"] = "n-1";
   const platform::UserNotification notification{{"n-1", content.copy()}};
-  platform::PresentationOptions shown = 99;
-  bool handled = false;
-  center.present(notification, [&](platform::PresentationOptions o) { shown = o; });
-  center.open({notification}, [&] { handled = true; });
-  EXPECT_EQ(shown, 0u);
-  EXPECT_TRUE(handled);
-
+  platform::PresentationOptions shown = 0;
   PresentingDelegate delegate;
   center.setDelegate(&delegate);
   center.present(notification, [&](platform::PresentationOptions o) { shown = o; });
