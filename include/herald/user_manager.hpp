@@ -40,7 +40,8 @@ class UserManager {
                                             const std::string& accessToken,
                                             const std::optional<std::string>& clientKey,
                                             const std::optional<std::string>& tenantId);
-  /// The record, when it is an object whose values are all strings; else none.
+  /// The record, when it is an object whose values are all strings; else none (also when
+  /// the store cannot be read, which is logged at error level).
   std::optional<Credentials> getCredentials() const;
   /// Deletes the record. Throws `platform::Error` when the store cannot be written.
   void removeCredentials();

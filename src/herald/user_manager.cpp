@@ -2,6 +2,9 @@
 
 #include <boost/json/object.hpp>
 
+#include "herald/herald_client.hpp"
+#include "platform/error.hpp"
+
 namespace herald {
 
 UserManager& UserManager::shared() {
@@ -22,7 +25,14 @@ std::optional<UserManager::Credentials> UserManager::setCredentials(
 }
 
 std::optional<UserManager::Credentials> UserManager::getCredentials() const {
-  auto value = defaults_->object(credentialsKey);
+  std::optional<boost::json::value> value;
+  try {
+    value = defaults_->object(credentialsKey);
+  } catch (const platform::Error& e) {
+    // A store that cannot be read holds nobody; callers of a session never see an exception.
+    sdkLog().error("Could not read the stored credentials: " + e.localizedDescription());
+    return std::nullopt;
+  }
   if (!value || !value->is_object()) return std::nullopt;
   Credentials credentials;
   for (const auto& [key, field] : value->get_object()) {
