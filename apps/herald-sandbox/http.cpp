@@ -36,6 +36,27 @@ std::optional<std::string> Request::queryValue(std::string_view name) const {
   return std::nullopt;
 }
 
+std::vector<std::string> Request::segments() const {
+  std::vector<std::string> result;
+  // make() has checked that the target parses.
+  for (auto segment : boost::urls::parse_origin_form(target)->segments())
+    result.push_back(std::move(segment));
+  return result;
+}
+
+boost::json::object Request::jsonObject() const {
+  boost::json::value value;
+  try {
+    value = platform::parseJSON(body);
+  } catch (const platform::JSONSyntaxError& e) {
+    throw BadRequest(std::string("the body is not JSON: ") + e.what());
+  }
+  auto* object = value.if_object();
+  if (!object)
+    throw BadRequest("the body must be a JSON object, not " + platform::describeJSONKind(value));
+  return std::move(*object);
+}
+
 Response Response::json(int status, const boost::json::value& body) {
   return Response{status, {{"Content-Type", "application/json"}}, platform::toJSON(body)};
 }

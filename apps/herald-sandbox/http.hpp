@@ -1,6 +1,7 @@
 #pragma once
 // Requests and responses as the sandbox's routes see them: plain values, no HTTP library.
 
+#include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 #include <optional>
 #include <stdexcept>
@@ -29,6 +30,11 @@ struct Request {
   std::optional<std::string> header(std::string_view name) const;
   /// First value of a query parameter.
   std::optional<std::string> queryValue(std::string_view name) const;
+  /// The path's segments, each percent-decoded on its own, so that an encoded "/" stays
+  /// inside its segment: "/users/a%2Fb/tokens/t" gives {"users", "a/b", "tokens", "t"}.
+  std::vector<std::string> segments() const;
+  /// The body as a JSON object; throws BadRequest saying what is wrong when it is not one.
+  boost::json::object jsonObject() const;
 };
 
 struct Response {

@@ -1,6 +1,10 @@
 // herald-sandbox: a local stand-in for the hosted Herald service, for the demo, the tests
 // and the benchmarks. Listens on 127.0.0.1 only.
 
+#include <sys/random.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
@@ -8,7 +12,9 @@
 #include <optional>
 #include <string>
 
+#include "accounts.hpp"
 #include "journal.hpp"
+#include "outbox.hpp"
 #include "platform/version.hpp"
 #include "router.hpp"
 #include "routes.hpp"
@@ -16,27 +22,47 @@
 
 namespace {
 
-void printHelp() {
-  std::cout << R"(Usage: herald-sandbox [--port N] [--files DIR] [--verbose]
+constexpr const char* kName = "herald-sandbox";
+// Client keys are public by nature (they ship inside apps), so a fixed one costs nothing and
+// can be written once into a test or a configuration.
+constexpr const char* kDefaultClientKey = "sandbox-client-key";
 
-A local stand-in for the hosted Herald service, on 127.0.0.1 only. Prints its base URL
+constexpr const char* kDescription =
+    R"(A local stand-in for the hosted Herald service, on 127.0.0.1 only. Prints its base URL
 ("http://127.0.0.1:PORT") as the first line of standard output and serves until SIGINT or
-SIGTERM.
+SIGTERM. State (users, push tokens, the outbox) lives in memory and ends with the process.
+)";
 
-Options:
-  --port N      port to listen on (default 0: any free port)
-  --files DIR   serve the files below DIR under /files/
-  --verbose     one line on standard error for every request
-  --help        show this text
-  --version     show the version
-
-Endpoints:
+constexpr const char* kFooter = R"(Endpoints:
   POST   /track/<anything>        body {"event": "CLICKED" | "DELIVERED" | "OPENED" | "READ" |
                                   "UNREAD"}: 200 {"tracked": EVENT}; any other body: 400
-                                  {"message": "...", "type": "invalid_request_error"}
+                                  {"message": "...", "type": "invalid_request_error"}. An
+                                  event for a message of the outbox is kept with it
+  PUT    /users/<id>/tokens/<token>
+                                  registers a push token for the user, body
+                                  {"provider_key": "apn", "device": {...}}: 204; registering
+                                  it for another user moves it there
+  DELETE /users/<id>/tokens/<token>
+                                  forgets the token: 204, also when it was not registered
   GET    /files/<path>            a file below --files DIR, typed by its extension; a path
                                   with ".." is refused (400), and so is a symbolic link
                                   that leads out of DIR (403)
+  POST   /_sandbox/users/<id>/token
+                                  an access token for the user: 200 {"jwt": "..."}, valid
+                                  for 3600 s or the ttl given as ?ttl=SECONDS or body
+                                  {"ttl": SECONDS} (0 or less: already expired)
+  GET    /_sandbox/users/<id>     the user and its push tokens: {"id", "tokens": [{"token",
+                                  "provider_key", "device"}, ...]}; 404 for a user that has
+                                  had no access token made nor push token registered
+  POST   /_sandbox/send           body {"user": ID, "push": {...}}: one message per push
+                                  token of the user, whose payload is "push" with "aps"
+                                  "mutable-content": 1 and a "trackingUrl" back to this
+                                  service; 200 {"messages": [{"id", "user", "token",
+                                  "provider_key", "payload", "events"}, ...]}; 404 for an
+                                  unknown user, 409 for a user without push tokens
+  GET    /_sandbox/outbox         every message sent, with the tracking events reported for
+                                  it so far: {"messages": [...]}; ?token= or ?user= narrows it
+  DELETE /_sandbox/outbox         empties the outbox
   GET    /_sandbox/bytes/<N>.<ext> N made-up bytes typed by <ext>; images, video and audio
                                   start with a valid header, so attachment checks accept them
   GET    /_sandbox/requests       the journal: every request received outside /_sandbox/, as
@@ -45,6 +71,14 @@ Endpoints:
 Errors are JSON {"message": "...", "type": "..."}: 404 for an unknown path, 405 for a wrong
 method.
 
+Credentials: the service's routes (/users/...) need "Authorization: Bearer <access token>",
+an HS256 token signed with the --jwt-secret whose "sub" is the user in the path and which has
+not expired ("exp"). Without one, or with a malformed, badly signed or expired one, the answer
+is 401 "authentication_error"; a valid token of another user gets 403 "authorization_error".
+A client key ("x-herald-client-key") stands in for a token only where the client sends one
+(GraphQL calls without a token), never on REST routes. /track/, /files/ and /_sandbox/ need
+no credentials.
+
 Trouble on request (query parameters, on any path, in any combination):
   delay=SECONDS     wait before answering
   stall=SECONDS     send the status line and headers, then wait before the body
@@ -52,66 +86,158 @@ Trouble on request (query parameters, on any path, in any combination):
   truncate=BYTES    announce the whole Content-Length, send only BYTES of the body, close
   e.g. /track/m1?delay=5   /files/photo.jpg?truncate=100   /_sandbox/bytes/64.png?status=503
 
-Exit status: 0 after SIGINT or SIGTERM, 1 when the port cannot be bound, 2 for bad options.
-)";
+Exit status: 0 after SIGINT or SIGTERM, 1 when the port cannot be bound, 2 for bad options.)";
+
+// Usage line first, then what the program is, then the options, as a manual page reads.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter() { column_width(20); }
+  std::string make_description(const CLI::App*) const override { return {}; }
+  std::string make_usage(const CLI::App* app, std::string) const override {
+    return std::string("Usage: ") + kName +
+           " [--port N] [--files DIR] [--jwt-secret SECRET] [--client-key KEY] [--verbose]\n\n" +
+           app->get_description();
+  }
+};
+
+std::string randomSecret() {
+  unsigned char bytes[32];
+  std::size_t filled = 0;
+  while (filled < sizeof bytes) {
+    const auto n = ::getrandom(bytes + filled, sizeof bytes - filled, 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw std::runtime_error("cannot make a random secret: getrandom failed");
+    }
+    filled += static_cast<std::size_t>(n);
+  }
+  std::string hex;
+  for (const unsigned char b : bytes) {
+    constexpr const char* digits = "0123456789abcdef";
+    hex += digits[b >> 4];
+    hex += digits[b & 0xf];
+  }
+  return hex;
 }
 
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+CLI::Validator portNumber() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        unsigned port = 0;
+        auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), port);
+        if (text.empty() || ec != std::errc() || ptr != text.data() + text.size() || port > 65535)
+          return "takes a number from 0 to 65535, not '" + text + "'";
+        return {};
+      },
+      "");
+}
+
+CLI::Validator directory() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        std::error_code ec;
+        if (!std::filesystem::is_directory(text, ec)) return "names no directory: '" + text + "'";
+        return {};
+      },
+      "");
+}
+
+// A secret or key travels in header values and signatures: it must be there and printable.
+CLI::Validator printableText() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        if (text.empty()) return "must not be empty";
+        for (const unsigned char c : text)
+          if (c < 0x20 || c == 0x7f) return "must hold no control characters";
+        return {};
+      },
+      "");
+}
+
+// One line in the sandbox's words where CLI11's would name its internals.
+std::string describe(const CLI::ParseError& error, const CLI::App& app) {
+  if (dynamic_cast<const CLI::ExtrasError*>(&error)) {
+    const auto extra = app.remaining();
+    return "unknown argument '" + (extra.empty() ? std::string() : extra.front()) +
+           "' (see --help)";
+  }
+  const std::string text = error.what();
+  // "--port: takes a number ..." reads as "--port takes a number ..."
+  if (dynamic_cast<const CLI::ValidationError*>(&error) && text.starts_with("--"))
+    if (const auto colon = text.find(": "); colon != std::string::npos)
+      return text.substr(0, colon) + " " + text.substr(colon + 2);
+  // "verbose was given a disallowed flag override"
+  if (const auto at = text.find(" was given a disallowed flag override"); at != std::string::npos)
+    return "--" + text.substr(0, at) + " takes no value";
+  // "--port: 1 required N missing"
+  if (text.ends_with(" missing") && text.find(" required ") != std::string::npos)
+    return text.substr(0, text.find(':')) + " needs a value";
+  return text;
+}
+
+struct Options {
+  sandbox::ServerOptions server;
+  std::optional<std::filesystem::path> files;
+  std::optional<std::string> jwtSecret;
+  std::string clientKey = kDefaultClientKey;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  sandbox::ServerOptions options;
-  std::optional<std::filesystem::path> files;
+  Options options;
+  CLI::App app(kDescription, kName);
+  app.formatter(std::make_shared<HelpFormatter>());
+  app.footer(kFooter);
+  app.set_help_flag("-h,--help", "show this text");
+  app.set_version_flag("--version", std::string(kName) + " " + platform::kVersion,
+                       "show the version");
+  app.add_option("--port", options.server.port, "port to listen on (default 0: any free port)")
+      ->type_name("N")
+      ->check(portNumber());
+  app.add_option("--files", options.files, "serve the files below DIR under /files/")
+      ->type_name("DIR")
+      ->check(directory());
+  app.add_option("--jwt-secret", options.jwtSecret,
+                 "the HS256 key of the access tokens, its bytes as given (default: 32\n"
+                 "random bytes in hex, new at every start; tokens signed with it come\n"
+                 "from POST /_sandbox/users/<id>/token)")
+      ->type_name("SECRET")
+      ->check(printableText());
+  app.add_option(
+         "--client-key", options.clientKey,
+         std::string("the account's public client key (default \"") + kDefaultClientKey + "\")")
+      ->type_name("KEY")
+      ->check(printableText());
+  app.add_flag("--verbose", options.server.verbose, "one line on standard error for every request")
+      ->disable_flag_override();
   try {
-    for (int i = 1; i < argc; ++i) {
-      const std::string arg = argv[i];
-      auto value = [&]() -> std::string {
-        if (i + 1 >= argc) throw UsageError(arg + " needs a value");
-        return argv[++i];
-      };
-      if (arg == "--help" || arg == "-h") {
-        printHelp();
-        return 0;
-      } else if (arg == "--version") {
-        std::cout << "herald-sandbox " << platform::kVersion << "\n";
-        return 0;
-      } else if (arg == "--port") {
-        const auto text = value();
-        unsigned port = 0;
-        auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), port);
-        if (text.empty() || ec != std::errc() || ptr != text.data() + text.size() || port > 65535)
-          throw UsageError("--port takes a number from 0 to 65535, not '" + text + "'");
-        options.port = static_cast<unsigned short>(port);
-      } else if (arg == "--files") {
-        files = value();
-        std::error_code ec;
-        if (!std::filesystem::is_directory(*files, ec))
-          throw UsageError("--files: '" + files->string() + "' is not a directory");
-      } else if (arg == "--verbose") {
-        options.verbose = true;
-      } else {
-        throw UsageError("unknown argument '" + arg + "' (see --help)");
-      }
-    }
-  } catch (const UsageError& e) {
-    std::cerr << "herald-sandbox: " << e.what() << "\n";
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::cerr << kName << ": " << describe(e, app) << "\n";
     return 2;
   }
 
-  sandbox::Journal journal;
-  sandbox::Router router;
   try {
-    sandbox::addTrackingRoutes(router);
-    sandbox::addFileRoutes(router, files);
+    sandbox::Accounts accounts(options.jwtSecret ? *options.jwtSecret : randomSecret(),
+                               options.clientKey);
+    sandbox::Outbox outbox;
+    sandbox::Journal journal;
+    sandbox::Router router;
+    sandbox::addTrackingRoutes(router, outbox);
+    sandbox::addUserRoutes(router, accounts);
+    sandbox::addFileRoutes(router, options.files);
+    sandbox::addOutboxRoutes(router, accounts, outbox);
     sandbox::addSandboxRoutes(router, journal);
-    sandbox::Server server(router, journal, options);
+    sandbox::Server server(router, journal, options.server);
     std::cout << server.baseURL() << std::endl;
     server.run();
   } catch (const std::exception& e) {
-    std::cerr << "herald-sandbox: " << e.what() << "\n";
+    std::cerr << kName << ": " << e.what() << "\n";
     return 1;
   }
   return 0;

@@ -1,6 +1,7 @@
 #include <array>
 #include <string_view>
 
+#include "outbox.hpp"
 #include "platform/json.hpp"
 #include "routes.hpp"
 
@@ -10,7 +11,7 @@ namespace {
 constexpr std::array<std::string_view, 5> kEvents{"CLICKED", "DELIVERED", "OPENED", "READ",
                                                   "UNREAD"};
 
-Response track(const Request& request, std::string_view) {
+Response track(Outbox& outbox, const Request& request, std::string_view id) {
   boost::json::value body;
   try {
     body = platform::parseJSON(request.body);
@@ -27,8 +28,12 @@ Response track(const Request& request, std::string_view) {
   if (!name)
     return Response::error(400,
                            "\"event\" must be a string, not " + platform::describeJSONKind(*event));
-  for (auto known : kEvents)
-    if (*name == known) return Response::json(200, boost::json::object{{"tracked", known}});
+  for (auto known : kEvents) {
+    if (*name != known) continue;
+    // Any id is answered alike; one of a message sent from the outbox also keeps the event.
+    outbox.track(id, std::string(known));
+    return Response::json(200, boost::json::object{{"tracked", known}});
+  }
   return Response::error(400,
                          "\"event\" must be one of CLICKED, DELIVERED, OPENED, READ, UNREAD, "
                          "not \"" +
@@ -37,8 +42,10 @@ Response track(const Request& request, std::string_view) {
 
 }  // namespace
 
-void addTrackingRoutes(Router& router) {
-  router.add("POST", "/track/*", track);
+void addTrackingRoutes(Router& router, Outbox& outbox) {
+  router.add("POST", "/track/*", [&outbox](const Request& request, std::string_view id) {
+    return track(outbox, request, id);
+  });
 }
 
 }  // namespace sandbox
