@@ -14,6 +14,13 @@
 
 namespace K {
 
+/// The application itself.
+namespace Application {
+/// The bundle identifier the phone knows the application by; the device's vendor identifier
+/// and the "app_id" of its push tokens come from it.
+inline constexpr std::string_view bundleIdentifier = "app.kelvara.photo";
+}  // namespace Application
+
 /// The hosted service and the paths below a base URL.
 namespace Service {
 inline constexpr std::string_view apiBaseURL = "https://api.heraldhq.com";

@@ -1,0 +1,52 @@
+#pragma once
+// The commands of `herald`, over the client library. Each takes values that the command
+// line has already checked and returns the exit status; what it has to say goes through the
+// reporter.
+
+#include <boost/asio/awaitable.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "device_tokens.hpp"
+#include "report.hpp"
+
+namespace cli {
+
+/// What every command works with.
+struct Context {
+  const Reporter& report;
+  DeviceTokens& device;
+  bool showLogs = false;
+};
+
+struct SignInRequest {
+  std::string userId;
+  std::optional<std::string> tenantId;
+  /// Empty when only a client key is given.
+  std::string accessToken;
+  std::optional<std::string> clientKey;
+  /// The platform's raw token (bytes), to keep and register.
+  std::optional<std::string> apnsToken;
+  /// (provider key, token) to keep and register.
+  std::vector<std::pair<std::string, std::string>> tokens;
+};
+
+/// Keeps the given tokens on the device, signs the user in (which registers every token the
+/// device has) and reports what each registration gave.
+boost::asio::awaitable<int> signIn(SignInRequest request, Context& context);
+/// Signs the user out; the device keeps its tokens for the next sign-in.
+boost::asio::awaitable<int> signOut(Context& context);
+/// Who is signed in, from the stored credentials.
+int whoAmI(Context& context);
+
+/// Keeps a provider's token on the device and, when a user is signed in, signs in again from
+/// the stored credentials (as an application does at launch) and registers it.
+boost::asio::awaitable<int> setToken(std::string providerKey, std::string token, Context& context);
+/// The same for the platform's raw token.
+boost::asio::awaitable<int> setAPNSToken(std::string rawToken, Context& context);
+/// The device's token for a provider; no network.
+int getToken(const std::string& providerKey, Context& context);
+
+}  // namespace cli
