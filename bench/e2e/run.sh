@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# End-to-end benchmark: one delivery through the host (base extension: report, then show)
-# and one through the application's extension (initials avatar, 200 KB thumbnail), against
-# the local sandbox, each beside a floor program that does only the network part with
-# libcurl (the same POST; one GET of the thumbnail). Reports for each the median time from
+# End-to-end benchmark: one delivery through the host (base extension: report, then show),
+# one through the application's extension (initials avatar, 200 KB thumbnail), and one
+# sign-in with two push tokens through the `herald` command, against the local sandbox, each
+# beside a floor program that does only the network part with libcurl (the same POST; one
+# GET of the thumbnail; the same two PUTs). Reports for each the median time from
 # start to exit, the median CPU time and the peak resident memory, and the ratios to the
 # floors. Programs compared with each other run alternately, after one uncounted run each.
 #
@@ -12,7 +13,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 bin=${HERALD_BIN_DIR:-$root/build/bin}
 runs=${1:-20}
-for program in herald-sandbox notification-service e2e_floor_post e2e_floor_fetch e2e_measure; do
+for program in herald-sandbox notification-service herald e2e_floor_post e2e_floor_fetch e2e_floor_tokens e2e_measure; do
   [ -x "$bin/$program" ] || { echo "e2e: $bin/$program is missing; build first (make build)" >&2; exit 1; }
 done
 
@@ -90,3 +91,15 @@ echo "the application's extension, initials avatar and a 200 KB thumbnail:"
 measure "service|service: notification-service (default extension)|$bin/notification-service|$work/service.json" \
   "fetch|floor: e2e_floor_fetch (one GET of the thumbnail)|$bin/e2e_floor_fetch|$url/_sandbox/bytes/204800.jpg"
 ratio service fetch "service / floor"
+
+# Signing in with two push tokens: from `herald signin` to the credentials stored (with their
+# fsyncs) and both tokens registered, beside a floor that only makes the two PUTs. Every run
+# after the first also signs the previous run's user out first, locally, as a sign-in does.
+jwt=$(curl -s -X POST "$url/_sandbox/users/bench/token" | python3 -c 'import json, sys; print(json.load(sys.stdin)["jwt"])')
+mkdir -p "$work/config"
+export FLOOR_JWT=$jwt
+echo
+echo "herald signin with two push tokens:"
+measure "signin|herald signin --token apn=aa --token firebase-fcm=bb|$bin/herald|--endpoint|$url|--config-dir|$work/config|signin|--user|bench|--jwt|$jwt|--token|apn=aa|--token|firebase-fcm=bb" \
+  "tokens|floor: e2e_floor_tokens (two libcurl PUTs)|$bin/e2e_floor_tokens|$url/users/bench/tokens/"
+ratio signin tokens "signin / floor"
