@@ -11,7 +11,7 @@ unset HERALD_ASSETS_DIR
 export HOME=$work XDG_CACHE_HOME=$work/cache XDG_CONFIG_HOME=$work/config TMPDIR=$work/tmp
 mkdir -p "$TMPDIR"
 
-for program in notification-service herald-sandbox; do
+for program in notification-service herald-sandbox herald; do
   out=$(timeout 10 "$stage/$bindir/$program" --version)
   [[ "$out" == "$program $version" ]] || { echo "$program --version: '$out'" >&2; exit 1; }
 done
