@@ -5,14 +5,21 @@
 namespace sandbox {
 namespace {
 
+// A "*" inside a pattern takes one path segment, a trailing one the rest of the path; `rest`
+// is what the last "*" took.
 bool matches(std::string_view pattern, std::string_view path, std::string_view& rest) {
-  if (pattern.ends_with('*')) {
-    pattern.remove_suffix(1);
-    if (!path.starts_with(pattern)) return false;
-    rest = path.substr(pattern.size());
-    return true;
-  }
   rest = {};
+  for (auto star = pattern.find('*'); star != std::string_view::npos; star = pattern.find('*')) {
+    if (!path.starts_with(pattern.substr(0, star))) return false;
+    path.remove_prefix(star);
+    pattern.remove_prefix(star + 1);
+    if (pattern.empty()) {
+      rest = path;
+      return true;
+    }
+    rest = path.substr(0, path.find('/'));
+    path.remove_prefix(rest.size());
+  }
   return path == pattern;
 }
 

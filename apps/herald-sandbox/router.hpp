@@ -13,11 +13,12 @@ namespace sandbox {
 
 class Router {
  public:
-  /// `rest` is the part of the path that a pattern's trailing "*" matched ("" otherwise).
+  /// `rest` is the part of the path that the pattern's last "*" matched ("" without one).
   using Handler = std::function<Response(const Request& request, std::string_view rest)>;
 
-  /// `pattern` is an exact path ("/_sandbox/requests") or a prefix ending in "*"
-  /// ("/track/*"). Routes are tried in the order added.
+  /// `pattern` is a path ("/_sandbox/requests") in which a "*" stands for one segment
+  /// ("/users/*/tokens/*") and a trailing "*" for the rest of the path, slashes and all
+  /// ("/files/*"). Routes are tried in the order added.
   ///
   ///   router.add("POST", "/track/*", [](const Request& r, std::string_view id) { ... });
   void add(std::string method, std::string pattern, Handler handler);

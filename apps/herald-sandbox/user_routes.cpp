@@ -85,7 +85,7 @@ boost::json::object describeUser(const std::string& userId,
 
 void addUserRoutes(Router& router, Accounts& accounts) {
   for (const char* method : {"PUT", "DELETE"})
-    router.add(method, "/users/*", [&accounts](const Request& request, std::string_view) {
+    router.add(method, "/users/*/tokens/*", [&accounts](const Request& request, std::string_view) {
       return pushToken(accounts, request);
     });
 
@@ -101,13 +101,14 @@ void addUserRoutes(Router& router, Accounts& accounts) {
     return Response::json(200, describeUser(segments[2], *tokens));
   });
 
-  router.add("POST", "/_sandbox/users/*", [&accounts](const Request& request, std::string_view) {
-    const auto segments = request.segments();
-    if (segments.size() != 4 || segments[3] != "token" || segments[2].empty())
-      return noRoute(request, "/_sandbox/users/<user id>/token");
-    const auto jwt = accounts.mintToken(segments[2], lifetime(request));
-    return Response::json(200, boost::json::object{{"jwt", jwt}});
-  });
+  router.add("POST", "/_sandbox/users/*/token",
+             [&accounts](const Request& request, std::string_view) {
+               const auto segments = request.segments();
+               if (segments.size() != 4 || segments[3] != "token" || segments[2].empty())
+                 return noRoute(request, "/_sandbox/users/<user id>/token");
+               const auto jwt = accounts.mintToken(segments[2], lifetime(request));
+               return Response::json(200, boost::json::object{{"jwt", jwt}});
+             });
 }
 
 }  // namespace sandbox
