@@ -6,6 +6,7 @@
 #include <boost/json.hpp>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "integration/processes.hpp"
 #include "platform/json.hpp"
@@ -242,3 +243,32 @@ TEST_F(HeraldCommand, AStoreThatCannotBeWrittenExitsWith4AndNothingIsSent) {
 }
 
 }  // namespace
+
+TEST_F(HeraldCommand, TwoSignInsAtOnceLeaveOneWholeRecord) {
+  // Each pair of processes races over one store; whichever signs in last wins, but the record
+  // never mixes the two.
+  const std::string ada = jwtFor("ada"), bob = jwtFor("bob");
+  for (int round = 0; round < 5; ++round) {
+    Finished a, b;
+    std::thread first([&] { a = herald({"signin", "--user", "ada", "--jwt", ada, "--tenant", "ta"}); });
+    std::thread second([&] { b = herald({"signin", "--user", "bob", "--jwt", bob}); });
+    first.join();
+    second.join();
+    ASSERT_EQ(a.exitCode, 0) << a.err;
+    ASSERT_EQ(b.exitCode, 0) << b.err;
+
+    std::ifstream file(std::filesystem::path(config_) / "defaults.json");
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const auto record = platform::parseJSON(text).at("herald_credentials");
+    const auto user = record.at("herald_user_id");
+    if (user == "ada") {
+      EXPECT_EQ(record, json::parse(R"({"herald_user_id": "ada", "herald_tenant_id": "ta",
+                                        "herald_access_token": ")" + ada + "\"}"));
+    } else {
+      EXPECT_EQ(record, json::parse(R"({"herald_user_id": "bob",
+                                        "herald_access_token": ")" + bob + "\"}"));
+    }
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(config_))
+    EXPECT_EQ(entry.path().filename().string().find(".corrupt-"), std::string::npos);
+}
