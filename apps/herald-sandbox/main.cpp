@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "common/command_line.hpp"
 #include "accounts.hpp"
 #include "journal.hpp"
 #include "outbox.hpp"
@@ -161,18 +162,7 @@ std::string describe(const CLI::ParseError& error, const CLI::App& app) {
     return "unknown argument '" + (extra.empty() ? std::string() : extra.front()) +
            "' (see --help)";
   }
-  const std::string text = error.what();
-  // "--port: takes a number ..." reads as "--port takes a number ..."
-  if (dynamic_cast<const CLI::ValidationError*>(&error) && text.starts_with("--"))
-    if (const auto colon = text.find(": "); colon != std::string::npos)
-      return text.substr(0, colon) + " " + text.substr(colon + 2);
-  // "verbose was given a disallowed flag override"
-  if (const auto at = text.find(" was given a disallowed flag override"); at != std::string::npos)
-    return "--" + text.substr(0, at) + " takes no value";
-  // "--port: 1 required N missing"
-  if (text.ends_with(" missing") && text.find(" required ") != std::string::npos)
-    return text.substr(0, text.find(':')) + " needs a value";
-  return text;
+  return command_line::reword(error);
 }
 
 struct Options {

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/command_line.hpp"
 #include "commands.hpp"
 #include "core/constants.hpp"
 #include "device_tokens.hpp"
@@ -340,17 +341,7 @@ std::string describe(const CLI::ParseError& error, const CLI::App& app) {
     // "--user is required"
     return text;
   }
-  // "--endpoint: takes an http(s) URL ...": the checks word it to follow the name.
-  if (dynamic_cast<const CLI::ValidationError*>(&error))
-    if (const auto colon = text.find(": "); colon != std::string::npos)
-      return text.substr(0, colon) + " " + text.substr(colon + 2);
-  // "json was given a disallowed flag override"
-  if (const auto at = text.find(" was given a disallowed flag override"); at != std::string::npos)
-    return "--" + text.substr(0, at) + " takes no value";
-  // "--user: 1 required ID missing"
-  if (text.ends_with(" missing") && text.find(" required ") != std::string::npos)
-    return text.substr(0, text.find(':')) + " needs a value";
-  return text;
+  return command_line::reword(error);
 }
 
 // Whether the command line holds `option` before any "--" (or, `withValue`, "option=..."):

@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/command_line.hpp"
 #include "content_json.hpp"
 #include "core/constants.hpp"
 #include "extensions.hpp"
@@ -146,18 +147,7 @@ std::string describe(const CLI::ParseError& error, const CLI::App& app) {
       if (arg.size() > 1 && arg[0] == '-') return "unknown option '" + arg + "' (see --help)";
     return "give exactly one payload";
   }
-  const std::string text = error.what();
-  // "--deadline: takes a number of seconds ...": the validators below word it as a sentence.
-  if (dynamic_cast<const CLI::ValidationError*>(&error) && text.starts_with("--"))
-    if (const auto colon = text.find(": "); colon != std::string::npos)
-      return text.substr(0, colon) + " " + text.substr(colon + 2);
-  // "verbose was given a disallowed flag override"
-  if (const auto at = text.find(" was given a disallowed flag override"); at != std::string::npos)
-    return "--" + text.substr(0, at) + " takes no value";
-  // "--deadline: 1 required SECONDS missing"
-  if (text.ends_with(" missing") && text.find(" required ") != std::string::npos)
-    return text.substr(0, text.find(':')) + " needs a value";
-  return text;
+  return command_line::reword(error);
 }
 
 // Returns none when the program should end at once (after --help or --version).
