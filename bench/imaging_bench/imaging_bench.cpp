@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/ratio_reporter.hpp"
 #include "imaging/image.hpp"
 
 namespace {
@@ -71,38 +72,6 @@ BENCHMARK(BM_Colour)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Monochrome)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Floor)->Unit(benchmark::kMillisecond);
 
-// Keeps each benchmark's real and CPU time per iteration for the ratios: the median when the run is
-// repeated (--benchmark_repetitions), else the one measurement.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      const auto& name = run.run_name.function_name;
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        times_[name] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-        medians_.insert(name);
-      } else if (run.run_type == Run::RT_Iteration && !medians_.contains(name)) {
-        times_[name] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void printRatios() const {
-    const auto floor = times_.find("BM_Floor");
-    if (floor == times_.end() || floor->second.first <= 0 || floor->second.second <= 0) return;
-    for (const auto& [name, label] : std::map<std::string, std::string>{
-             {"BM_Colour", "colour"}, {"BM_Monochrome", "monochrome"}}) {
-      if (const auto it = times_.find(name); it != times_.end())
-        std::printf("ratio %s: %.2f (CPU time %.2f)\n", label.c_str(),
-                    it->second.first / floor->second.first,
-                    it->second.second / floor->second.second);
-    }
-  }
-
- private:
-  std::map<std::string, std::pair<double, double>> times_;  // real, CPU
-  std::set<std::string> medians_;
-};
 
 }  // namespace
 
@@ -110,9 +79,9 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   picture();  // the JPEG is made and decoded before anything is timed
-  RatioReporter reporter;
+  bench_support::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
+  reporter.printRatios("BM_Floor", {{"BM_Colour", "colour"}, {"BM_Monochrome", "monochrome"}});
   benchmark::Shutdown();
   return 0;
 }

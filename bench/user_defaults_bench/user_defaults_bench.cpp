@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/ratio_reporter.hpp"
 #include "platform/json.hpp"
 #include "platform/paths.hpp"
 #include "platform/user_defaults.hpp"
@@ -77,36 +78,6 @@ void BM_Floor(benchmark::State& state) {
 BENCHMARK(BM_Write)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_Floor)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
-// Keeps each benchmark's real and CPU time per iteration for the ratio: the median when the run
-// is repeated (--benchmark_repetitions), else the one measurement.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      const auto& name = run.run_name.function_name;
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        times_[name] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-        medians_.insert(name);
-      } else if (run.run_type == Run::RT_Iteration && !medians_.contains(name)) {
-        times_[name] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void printRatio() const {
-    const auto floor = times_.find("BM_Floor");
-    const auto write = times_.find("BM_Write");
-    if (floor == times_.end() || write == times_.end() || floor->second.first <= 0 ||
-        floor->second.second <= 0)
-      return;
-    std::printf("ratio write: %.2f (CPU time %.2f)\n", write->second.first / floor->second.first,
-                write->second.second / floor->second.second);
-  }
-
- private:
-  std::map<std::string, std::pair<double, double>> times_;  // real, CPU
-  std::set<std::string> medians_;
-};
 
 }  // namespace
 
@@ -119,9 +90,9 @@ int main(int argc, char** argv) {
       chosen && *chosen ? fs::path(chosen) : fs::absolute(fs::path(argv[0])).parent_path();
   benchFolder() = base / ("user_defaults_bench-" + platform::newUUID());
   std::printf("files in %s\n", benchFolder().c_str());
-  RatioReporter reporter;
+  bench_support::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatio();
+  reporter.printRatios("BM_Floor", {{"BM_Write", "write"}});
   benchmark::Shutdown();
   std::error_code ec;
   fs::remove_all(benchFolder(), ec);
