@@ -1,0 +1,115 @@
+#pragma once
+// GraphQL executable documents as plain values. The grammar itself lives in graphql.cpp only,
+// since the parsing library is heavy to compile; everything else sees these structs.
+
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace sandbox::graphql {
+
+/// 1-based line and column (in bytes) of a token in the document.
+struct Location {
+  std::size_t line = 0;
+  std::size_t column = 0;
+};
+
+/// A literal or a variable, as written in an argument or a default value.
+struct Value {
+  enum class Kind { null, integer, floating, string, boolean, enumeration, list, object, variable };
+  Kind kind = Kind::null;
+  /// A string's decoded contents, an enum value's or a variable's name (without "$"), or a
+  /// number as written ("-12", "1.5e3").
+  std::string text;
+  bool boolean = false;
+  std::vector<Value> items;                           ///< a list's items
+  std::vector<std::pair<std::string, Value>> fields;  ///< an object's fields, in order
+  Location location;
+};
+
+struct Argument {
+  std::string name;
+  Value value;
+  Location location;
+};
+
+struct Directive {
+  std::string name;
+  std::vector<Argument> arguments;
+  Location location;
+};
+
+/// A field, a fragment spread or an inline fragment of a selection set.
+struct Selection {
+  enum class Kind { field, fragmentSpread, inlineFragment };
+  Kind kind = Kind::field;
+  std::string alias;          ///< a field's alias; empty when it has none
+  std::string name;           ///< a field's name or a spread fragment's name
+  std::string typeCondition;  ///< an inline fragment's "on Type"; empty when it has none
+  std::vector<Argument> arguments;
+  std::vector<Directive> directives;
+  std::vector<Selection> selections;
+  Location location;
+
+  /// The key of the field in the answer: its alias, or else its name.
+  const std::string& responseKey() const { return alias.empty() ? name : alias; }
+};
+
+struct VariableDefinition {
+  std::string name;       ///< without "$"
+  std::string type;       ///< as written, without blanks: "Int", "[String!]!"
+  std::string namedType;  ///< the innermost type name: "String" for "[String!]!"
+  bool nonNull = false;   ///< the outermost type ends with "!"
+  std::optional<Value> defaultValue;
+  Location location;
+};
+
+struct Operation {
+  enum class Kind { query, mutation, subscription };
+  Kind kind = Kind::query;
+  std::string name;  ///< empty for an anonymous operation
+  std::vector<VariableDefinition> variables;
+  std::vector<Directive> directives;
+  std::vector<Selection> selections;
+  Location location;
+};
+
+struct Fragment {
+  std::string name;
+  std::string typeCondition;
+  std::vector<Directive> directives;
+  std::vector<Selection> selections;
+  Location location;
+};
+
+struct Document {
+  std::vector<Operation> operations;
+  std::vector<Fragment> fragments;
+};
+
+/// A document that is not GraphQL, or one larger or deeper than the parser takes.
+class SyntaxError : public std::runtime_error {
+ public:
+  SyntaxError(const std::string& message, Location where)
+      : std::runtime_error(message), location(where) {}
+  Location location;
+};
+
+/// Longest document taken, in bytes.
+inline constexpr std::size_t kMaxDocumentSize = 64 * 1024;
+/// Deepest nesting of selection sets, lists and input objects taken: deeper documents are
+/// refused before they can exhaust the stack.
+inline constexpr int kMaxDepth = 32;
+
+/// Parses an executable document (operations and fragments). Throws SyntaxError with the
+/// place of the first token that does not fit, a document over kMaxDocumentSize, or one
+/// nested deeper than kMaxDepth.
+///
+///   auto document = graphql::parse("query { count(params: {archived: true}) }");
+Document parse(std::string_view text);
+
+}  // namespace sandbox::graphql
