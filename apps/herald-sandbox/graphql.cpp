@@ -51,13 +51,15 @@ struct float_value : seq<integer_part, sor<seq<fraction, opt<exponent>>, exponen
 struct int_value : seq<integer_part, number_end> {};
 
 struct unicode_escape : seq<one<'u'>, rep<4, xdigit>> {};
-struct escape : seq<one<'\\'>, sor<one<'"', '\\', '/', 'b', 'f', 'n', 'r', 't'>, unicode_escape>> {};
-struct string_char
-    : sor<escape, seq<not_at<one<'"', '\\'>>, utf8::ranges<0x20, 0x10FFFF, 0x09>>> {};
+struct escape : seq<one<'\\'>, sor<one<'"', '\\', '/', 'b', 'f', 'n', 'r', 't'>, unicode_escape>> {
+};
+struct string_char : sor<escape, seq<not_at<one<'"', '\\'>>, utf8::ranges<0x20, 0x10FFFF, 0x09>>> {
+};
 struct string_value : seq<one<'"'>, star<string_char>, one<'"'>> {};
 struct block_quote : string<'"', '"', '"'> {};
 struct block_char : sor<string<'\\', '"', '"', '"'>,
-                        seq<not_at<block_quote>, utf8::ranges<0x20, 0x10FFFF, 0x09, 0x0A, 0x0D>>> {};
+                        seq<not_at<block_quote>, utf8::ranges<0x20, 0x10FFFF, 0x09, 0x0A, 0x0D>>> {
+};
 struct block_string : seq<block_quote, star<block_char>, block_quote> {};
 
 struct boolean_value : sor<kw_true, kw_false> {};
@@ -102,8 +104,8 @@ struct selection_set : seq<punct<'{'>, plus<selection>, punct<'}'>> {};
 struct operation_kind : sor<kw_query, kw_mutation, kw_subscription> {};
 struct operation_name : name {};
 struct default_value : seq<punct<'='>, value> {};
-struct variable_definition : seq<tok<variable_name>, punct<':'>, type_ref, opt<default_value>,
-                                 directives> {};
+struct variable_definition
+    : seq<tok<variable_name>, punct<':'>, type_ref, opt<default_value>, directives> {};
 struct variable_definitions : seq<punct<'('>, plus<variable_definition>, punct<')'>> {};
 struct operation_definition
     : sor<selection_set, seq<tok<operation_kind>, opt<tok<operation_name>>,
@@ -114,14 +116,13 @@ struct document : seq<ign, plus<sor<operation_definition, fragment_definition>>,
 
 template <typename Rule>
 using selected = pegtl::parse_tree::selector<
-    Rule,
-    pegtl::parse_tree::store_content::on<
-        float_value, int_value, string_value, block_string, boolean_value, null_value,
-        enum_value, variable_name, list_value, object_field_name, object_field, object_value,
-        argument_name, argument, directive_name, directive, named_type, list_type, non_null,
-        type_ref, type_condition, alias_name, field_name, field, fragment_name, fragment_spread,
-        inline_fragment, selection_set, operation_kind, operation_name, default_value,
-        variable_definition, operation_definition, fragment_definition>>;
+    Rule, pegtl::parse_tree::store_content::on<
+              float_value, int_value, string_value, block_string, boolean_value, null_value,
+              enum_value, variable_name, list_value, object_field_name, object_field, object_value,
+              argument_name, argument, directive_name, directive, named_type, list_type, non_null,
+              type_ref, type_condition, alias_name, field_name, field, fragment_name,
+              fragment_spread, inline_fragment, selection_set, operation_kind, operation_name,
+              default_value, variable_definition, operation_definition, fragment_definition>>;
 
 }  // namespace grammar
 
@@ -395,8 +396,7 @@ class Builder {
     } else {
       result.kind = Value::Kind::object;
       for (const auto& child : node.children)
-        result.fields.emplace_back(child->children.at(0)->string(),
-                                   value(*child->children.at(1)));
+        result.fields.emplace_back(child->children.at(0)->string(), value(*child->children.at(1)));
     }
     return result;
   }
@@ -431,11 +431,21 @@ class Builder {
       }
       const char kind = body[++i];
       switch (kind) {
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        case 't': out += '\t'; break;
+        case 'b':
+          out += '\b';
+          break;
+        case 'f':
+          out += '\f';
+          break;
+        case 'n':
+          out += '\n';
+          break;
+        case 'r':
+          out += '\r';
+          break;
+        case 't':
+          out += '\t';
+          break;
         case 'u': {
           auto code = hex4(body.substr(i + 1, 4));
           i += 4;
@@ -453,7 +463,9 @@ class Builder {
           appendUTF8(out, code);
           break;
         }
-        default: out += kind; break;  // '"', '\\' and '/' stand for themselves
+        default:
+          out += kind;
+          break;  // '"', '\\' and '/' stand for themselves
       }
     }
     return out;
@@ -502,16 +514,14 @@ class Builder {
     for (std::size_t i = first; i < last; ++i) out += (i > first ? "\n" : "") + lines[i];
     return out;
   }
-
 };
 
 }  // namespace
 
 Document parse(std::string_view text) {
   if (text.size() > kMaxDocumentSize)
-    throw SyntaxError("the document is " + std::to_string(text.size()) +
-                          " bytes long; at most " + std::to_string(kMaxDocumentSize) +
-                          " are taken",
+    throw SyntaxError("the document is " + std::to_string(text.size()) + " bytes long; at most " +
+                          std::to_string(kMaxDocumentSize) + " are taken",
                       Location{1, 1});
   pegtl::memory_input in(text.data(), text.size(), "query");
   ParseState state{text.data(), 0};
@@ -520,9 +530,11 @@ Document parse(std::string_view text) {
     root = pegtl::parse_tree::parse<grammar::document, grammar::selected, pegtl::nothing, Control>(
         in, state);
   } catch (const TooDeep& deep) {
-    throw SyntaxError("Syntax Error: the document nests selections, lists or objects deeper "
-                      "than " + std::to_string(kMaxDepth) + " levels.",
-                      locate(text, static_cast<std::size_t>(deep.where - text.data())));
+    throw SyntaxError(
+        "Syntax Error: the document nests selections, lists or objects deeper "
+        "than " +
+            std::to_string(kMaxDepth) + " levels.",
+        locate(text, static_cast<std::size_t>(deep.where - text.data())));
   }
   if (!root) {
     const auto offset = static_cast<std::size_t>(state.farthest - text.data());

@@ -14,6 +14,7 @@
 
 #include "common/command_line.hpp"
 #include "accounts.hpp"
+#include "inbox.hpp"
 #include "journal.hpp"
 #include "outbox.hpp"
 #include "platform/version.hpp"
@@ -31,7 +32,8 @@ constexpr const char* kDefaultClientKey = "sandbox-client-key";
 constexpr const char* kDescription =
     R"(A local stand-in for the hosted Herald service, on 127.0.0.1 only. Prints its base URL
 ("http://127.0.0.1:PORT") as the first line of standard output and serves until SIGINT or
-SIGTERM. State (users, push tokens, the outbox) lives in memory and ends with the process.
+SIGTERM. State (users, push tokens, the outbox, the inboxes) lives in memory and ends with
+the process.
 )";
 
 constexpr const char* kFooter = R"(Endpoints:
@@ -45,6 +47,14 @@ constexpr const char* kFooter = R"(Endpoints:
                                   it for another user moves it there
   DELETE /users/<id>/tokens/<token>
                                   forgets the token: 204, also when it was not registered
+  POST   /inbox/q                 the inbox's GraphQL: queries count(params), messages(params,
+                                  limit, after) newest first with cursor paging, and
+                                  message(messageId); mutations clicked, read, unread, opened,
+                                  archive and markAllRead. The user is "x-herald-user-id"; a
+                                  document that does not parse or asks for what the schema
+                                  lacks gets 400 {"errors": [{"message", "locations"}]} and
+                                  runs nothing; otherwise 200 {"data": {...}} with "errors"
+                                  beside it for fields that failed (an unknown message id)
   GET    /files/<path>            a file below --files DIR, typed by its extension; a path
                                   with ".." is refused (400), and so is a symbolic link
                                   that leads out of DIR (403)
@@ -55,11 +65,20 @@ constexpr const char* kFooter = R"(Endpoints:
   GET    /_sandbox/users/<id>     the user and its push tokens: {"id", "tokens": [{"token",
                                   "provider_key", "device"}, ...]}; 404 for a user that has
                                   had no access token made nor push token registered
-  POST   /_sandbox/send           body {"user": ID, "push": {...}}: one message per push
-                                  token of the user, whose payload is "push" with "aps"
+  POST   /_sandbox/users/<id>/messages
+                                  puts a message into the user's inbox, body {"title",
+                                  "body", "preview", "actions": [{"content", "href", "data",
+                                  "background_color", "style"}], "data": {...}, "created":
+                                  "2026-01-02T03:04:05.678Z", "tenant"}, all optional: 200
+                                  with the message, its "messageId" and "trackingIds" (URLs
+                                  of /track/ here)
+  POST   /_sandbox/send           body {"user": ID, "push": {...}, "tenant"?}: one message per
+                                  push token of the user, whose payload is "push" with "aps"
                                   "mutable-content": 1 and a "trackingUrl" back to this
-                                  service; 200 {"messages": [{"id", "user", "token",
-                                  "provider_key", "payload", "events"}, ...]}; 404 for an
+                                  service, and one inbox message with the alert's title and
+                                  body and the push's other keys as "data"; 200 {"messages":
+                                  [{"id", "user", "token", "provider_key", "payload",
+                                  "events"}, ...], "inboxMessage": {...}}; 404 for an
                                   unknown user, 409 for a user without push tokens
   GET    /_sandbox/outbox         every message sent, with the tracking events reported for
                                   it so far: {"messages": [...]}; ?token= or ?user= narrows it
@@ -77,8 +96,8 @@ an HS256 token signed with the --jwt-secret whose "sub" is the user in the path 
 not expired ("exp"). Without one, or with a malformed, badly signed or expired one, the answer
 is 401 "authentication_error"; a valid token of another user gets 403 "authorization_error".
 A client key ("x-herald-client-key") stands in for a token only where the client sends one
-(GraphQL calls without a token), never on REST routes. /track/, /files/ and /_sandbox/ need
-no credentials.
+(GraphQL calls without a token: /inbox/q), never on REST routes. /track/, /files/ and
+/_sandbox/ need no credentials.
 
 Trouble on request (query parameters, on any path, in any combination):
   delay=SECONDS     wait before answering
@@ -216,12 +235,14 @@ int main(int argc, char** argv) {
     sandbox::Accounts accounts(options.jwtSecret ? *options.jwtSecret : randomSecret(),
                                options.clientKey);
     sandbox::Outbox outbox;
+    sandbox::Inbox inbox;
     sandbox::Journal journal;
     sandbox::Router router;
     sandbox::addTrackingRoutes(router, outbox);
     sandbox::addUserRoutes(router, accounts);
     sandbox::addFileRoutes(router, options.files);
-    sandbox::addOutboxRoutes(router, accounts, outbox);
+    sandbox::addOutboxRoutes(router, accounts, outbox, inbox);
+    sandbox::addInboxRoutes(router, accounts, inbox);
     sandbox::addSandboxRoutes(router, journal);
     sandbox::Server server(router, journal, options.server);
     std::cout << server.baseURL() << std::endl;

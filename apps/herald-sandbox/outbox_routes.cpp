@@ -1,4 +1,5 @@
 #include <cctype>
+#include <optional>
 #include <string>
 
 #include "accounts.hpp"
@@ -7,7 +8,6 @@
 #include "routes.hpp"
 
 namespace sandbox {
-namespace {
 
 // The tracking URL is built from the Host the caller used, so that it leads back here the
 // same way; anything but a host name or address with a port is refused rather than echoed
@@ -23,6 +23,8 @@ std::string trackingBase(const Request& request) {
   return "http://" + *host + "/track/";
 }
 
+namespace {
+
 // The payload the phone receives: the caller's keys, "aps" with "mutable-content": 1 so that
 // the notification service runs, and the tracking URL of this message.
 boost::json::object payloadFor(const boost::json::object& push, const std::string& trackingURL) {
@@ -34,7 +36,31 @@ boost::json::object payloadFor(const boost::json::object& push, const std::strin
   return payload;
 }
 
-Response send(Accounts& accounts, Outbox& outbox, const Request& request) {
+// The inbox's copy of a push, as the service keeps one for a message sent to both channels:
+// the alert's title and body, and the payload's own keys as its data.
+InboxMessage inboxCopy(const std::string& user, const boost::json::object& push,
+                       std::optional<std::string> tenant) {
+  InboxMessage message;
+  message.user = user;
+  message.tenant = std::move(tenant);
+  if (const auto* aps = push.if_contains("aps"); aps && aps->is_object())
+    if (const auto* alert = aps->as_object().if_contains("alert")) {
+      if (alert->is_string()) message.body = std::string(alert->as_string());
+      if (const auto* fields = alert->if_object()) {
+        if (const auto* title = fields->if_contains("title"); title && title->is_string())
+          message.title = std::string(title->as_string());
+        if (const auto* body = fields->if_contains("body"); body && body->is_string())
+          message.body = std::string(body->as_string());
+      }
+    }
+  boost::json::object data;
+  for (const auto& [key, value] : push)
+    if (key != "aps") data[key] = value;
+  if (!data.empty()) message.data = std::move(data);
+  return message;
+}
+
+Response send(Accounts& accounts, Outbox& outbox, Inbox& inbox, const Request& request) {
   const auto body = request.jsonObject();
   const auto* user = body.if_contains("user");
   if (!user || !user->is_string() || user->as_string().empty())
@@ -48,6 +74,13 @@ Response send(Accounts& accounts, Outbox& outbox, const Request& request) {
   }
   if (const auto* aps = push.if_contains("aps"); aps && !aps->is_object())
     throw BadRequest("\"push\".\"aps\" must be an object, not " + platform::describeJSONKind(*aps));
+  std::optional<std::string> tenant;
+  if (const auto* given = body.if_contains("tenant"); given && !given->is_null()) {
+    if (!given->is_string() || given->as_string().empty())
+      throw BadRequest("\"tenant\" must be a non-empty string, not " +
+                       platform::describeJSONKind(*given));
+    tenant = std::string(given->as_string());
+  }
   const auto base = trackingBase(request);
 
   const std::string userId(user->as_string());
@@ -63,7 +96,9 @@ Response send(Accounts& accounts, Outbox& outbox, const Request& request) {
                    [&](const std::string& id) { return payloadFor(push, base + id); });
     messages.push_back(toJSON(message));
   }
-  return Response::json(200, boost::json::object{{"messages", std::move(messages)}});
+  const auto copy = addInboxMessage(inbox, inboxCopy(userId, push, std::move(tenant)), base);
+  return Response::json(200, boost::json::object{{"messages", std::move(messages)},
+                                                 {"inboxMessage", toJSON(copy)}});
 }
 
 Response list(const Outbox& outbox, const Request& request) {
@@ -78,9 +113,9 @@ Response list(const Outbox& outbox, const Request& request) {
 
 }  // namespace
 
-void addOutboxRoutes(Router& router, Accounts& accounts, Outbox& outbox) {
+void addOutboxRoutes(Router& router, Accounts& accounts, Outbox& outbox, Inbox& inbox) {
   router.add("POST", "/_sandbox/send", [&](const Request& request, std::string_view) {
-    return send(accounts, outbox, request);
+    return send(accounts, outbox, inbox, request);
   });
   router.add("GET", "/_sandbox/outbox",
              [&outbox](const Request& request, std::string_view) { return list(outbox, request); });

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "accounts.hpp"
+#include "inbox.hpp"
 #include "journal.hpp"
 #include "outbox.hpp"
 #include "router.hpp"
@@ -21,10 +22,24 @@ void addTrackingRoutes(Router& router, Outbox& outbox);
 /// tokens) and POST /_sandbox/users/<id>/token (an access token, {"ttl": seconds} or ?ttl=).
 void addUserRoutes(Router& router, Accounts& accounts);
 
-/// POST /_sandbox/send {"user", "push"}: one message per push token of the user, kept in the
-/// outbox; GET /_sandbox/outbox (?token=, ?user=) lists them with their tracking events,
-/// DELETE /_sandbox/outbox empties it.
-void addOutboxRoutes(Router& router, Accounts& accounts, Outbox& outbox);
+/// POST /_sandbox/send {"user", "push", "tenant"?}: one message per push token of the user,
+/// kept in the outbox, and one message in the user's inbox; GET /_sandbox/outbox (?token=,
+/// ?user=) lists them with their tracking events, DELETE /_sandbox/outbox empties it.
+void addOutboxRoutes(Router& router, Accounts& accounts, Outbox& outbox, Inbox& inbox);
+
+/// POST /inbox/q: the inbox's GraphQL queries (count, messages, message) and mutations
+/// (clicked, read, unread, opened, archive, markAllRead) on the user of "x-herald-user-id",
+/// with that user's access token or the account's client key. POST
+/// /_sandbox/users/<id>/messages puts a message into the user's inbox.
+void addInboxRoutes(Router& router, Accounts& accounts, Inbox& inbox);
+
+/// Keeps `message` in `inbox` with tracking ids that are URLs of this service's /track/ route
+/// under `trackingBase` ("http://127.0.0.1:PORT/track/").
+InboxMessage addInboxMessage(Inbox& inbox, InboxMessage message, const std::string& trackingBase);
+
+/// "http://<Host>/track/": the tracking URLs lead back here the way the caller came. Throws
+/// BadRequest when the request has no Host, or one that is not a host name with a port.
+std::string trackingBase(const Request& request);
 
 /// GET /files/<path>: the files under `root` (none: every such request is a 404). A symbolic
 /// link is followed only while it stays under `root`; one leading out is answered with 403.

@@ -1,0 +1,418 @@
+// The sandbox's inbox GraphQL route, asked with the very texts the inbox client sends.
+#include <gtest/gtest.h>
+
+#include <boost/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "integration/processes.hpp"
+#include "platform/json.hpp"
+#include "platform/url_loading.hpp"
+
+namespace {
+
+using namespace integration;
+namespace json = boost::json;
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+// The inbox client's texts, pieced together as the client does.
+const std::string kPageTail =
+    "\n    ) {\n        count(params: $params)\n        messages(params: $params, limit: $limit, "
+    "after: $after) {\n            totalCount\n            pageInfo {\n                "
+    "startCursor\n                hasNextPage\n            }\n            nodes {\n               "
+    " messageId\n                read\n                archived\n                created\n     "
+    "           opened\n                title\n                preview\n                data\n   "
+    "             actions {\n                    content\n                    data\n             "
+    "       href\n                }\n                trackingIds {\n                    "
+    "clickTrackingId\n                }\n            }\n        }\n    }";
+
+std::string cursorDefault(const std::optional<std::string>& cursor) {
+  return cursor ? "= \"" + *cursor + "\"" : "";
+}
+
+std::string feedQuery(int limit, const std::optional<std::string>& tenant,
+                      const std::optional<std::string>& cursor) {
+  const auto params = tenant ? "= { accountId: \"" + *tenant + "\" }" : std::string();
+  return "    query GetMessages(\n        $params: FilterParamsInput " + params +
+         "\n        $limit: Int = " + std::to_string(limit) + "\n        $after: String " +
+         cursorDefault(cursor) + kPageTail;
+}
+
+std::string archiveQuery(int limit, const std::optional<std::string>& tenant,
+                         const std::optional<std::string>& cursor) {
+  const auto params = tenant ? "= { accountId: \"" + *tenant + "\", archived: true }"
+                             : std::string("= { archived: true }");
+  return "    query GetArchivedMessages(\n        $params: FilterParamsInput " + params +
+         "\n        $limit: Int = " + std::to_string(limit) + "\n        $after: String " +
+         cursorDefault(cursor) + kPageTail;
+}
+
+std::string unreadCountQuery(const std::optional<std::string>& tenant) {
+  const auto filter = tenant ? "{ accountId: \"" + *tenant + "\", status: \"unread\" }"
+                             : std::string("{ status: \"unread\" }");
+  return "    query GetMessages(\n        $params: FilterParamsInput = " + filter +
+         "\n    ) {\n        count(params: $params)\n    }";
+}
+
+std::string getMessageQuery(const std::string& id) {
+  return "    query GetInboxMessage {\n        message(messageId: \"" + id +
+         "\") {\n            messageId\n            read\n            archived\n            "
+         "created\n            opened\n            data\n            trackingIds {\n             "
+         "   clickTrackingId\n            }\n            content {\n                title\n      "
+         "          preview\n                actions {\n                    background_color\n   "
+         "                 content\n                    href\n                    style\n        "
+         "        }\n            }\n        }\n    }";
+}
+
+std::string mutation(const std::string& field, const std::string& id) {
+  return "    mutation TrackEvent {\n        " + field + "(messageId: \"" + id + "\")\n    }";
+}
+
+std::string clickMutation(const std::string& id, const std::string& trackingId) {
+  return "    mutation TrackEvent {\n        clicked(messageId: \"" + id + "\", trackingId: \"" +
+         trackingId + "\")\n    }";
+}
+
+const std::string kReadAll = "    mutation TrackEvent {\n      markAllRead\n    }";
+
+struct Answer {
+  long status = 0;
+  std::string body;
+  json::object object() const { return platform::parseJSON(body).as_object(); }
+  json::value data() const { return object().at("data"); }
+  std::string firstError() const {
+    return std::string(object().at("errors").at(0).at("message").as_string());
+  }
+};
+
+Answer call(const std::string& url, const std::string& method, std::optional<std::string> body,
+            const Headers& headers = {}) {
+  auto request = platform::URLRequest::make(url);
+  request.method = method;
+  request.body = std::move(body);
+  for (const auto& [name, value] : headers) request.addValue(value, name);
+  auto result = platform::URLSession::shared().dataSync(request);
+  return {result.response.statusCode.value_or(0), std::move(result.data)};
+}
+
+class InboxGraphQL : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto minted = call(url("/_sandbox/users/ada/token"), "POST", std::nullopt);
+    ASSERT_EQ(minted.status, 200) << minted.body;
+    jwt_ = std::string(minted.object().at("jwt").as_string());
+  }
+  std::string url(const std::string& path) const { return sandbox_.url() + path; }
+  Headers ada() const { return {{"x-herald-user-id", "ada"}, {"Authorization", "Bearer " + jwt_}}; }
+
+  // As the client sends it: "variables" is the string "{}".
+  Answer ask(const std::string& query, const Headers& headers) const {
+    return call(url("/inbox/q"), "POST",
+                platform::toJSON(json::object{{"query", query}, {"variables", "{}"}}), headers);
+  }
+  Answer ask(const std::string& query) const { return ask(query, ada()); }
+
+  json::object add(const std::string& body, const std::string& user = "ada") const {
+    const auto added = call(url("/_sandbox/users/" + user + "/messages"), "POST", body);
+    EXPECT_EQ(added.status, 200) << added.body;
+    return added.object();
+  }
+  std::string addWith(const std::string& created, const std::string& extra = "") const {
+    return std::string(add(R"({"title": "T", "created": ")" + created + "\"" + extra + "}")
+                           .at("messageId")
+                           .as_string());
+  }
+  std::vector<std::string> ids(const json::value& page) const {
+    std::vector<std::string> result;
+    for (const auto& node : page.at("nodes").as_array())
+      result.emplace_back(node.at("messageId").as_string());
+    return result;
+  }
+
+  Sandbox sandbox_;
+  std::string jwt_;
+};
+
+TEST_F(InboxGraphQL, TheFeedPagesNewestFirstWithACursorThatOutlastsNewMessages) {
+  const auto oldest = addWith("2026-01-01T10:00:00.000Z");
+  const auto tieFirst = addWith("2026-01-02T10:00:00.000+02:00");
+  const auto tieSecond = addWith("2026-01-02T08:00:00Z");  // the same instant, come later
+  const auto newest = addWith(
+      "2026-01-03T10:00:00.500Z",
+      R"(, "preview": "P", "data": {"k": [1]}, "actions": [{"content": "Open", "href": "app://x", "style": "bold"}])");
+
+  const auto first = ask(feedQuery(2, std::nullopt, std::nullopt));
+  ASSERT_EQ(first.status, 200) << first.body;
+  const auto data = first.data();
+  EXPECT_EQ(data.at("count"), 4);
+  const auto& page = data.at("messages");
+  EXPECT_EQ(page.at("totalCount"), 4);
+  EXPECT_EQ(ids(page), (std::vector<std::string>{newest, tieSecond}));
+  EXPECT_EQ(page.at("pageInfo"), (json::object{{"startCursor", tieSecond}, {"hasNextPage", true}}));
+
+  // Exactly the selected fields, in the order asked, nested ones too.
+  const auto& node = page.at("nodes").at(0).as_object();
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : node) keys.emplace_back(key);
+  EXPECT_EQ(keys, (std::vector<std::string>{"messageId", "read", "archived", "created", "opened",
+                                            "title", "preview", "data", "actions", "trackingIds"}));
+  EXPECT_EQ(node.at("read"), nullptr);
+  EXPECT_EQ(node.at("data"), platform::parseJSON(R"({"k": [1]})"));
+  EXPECT_EQ(node.at("actions"),
+            platform::parseJSON(R"([{"content": "Open", "data": null, "href": "app://x"}])"));
+  const auto& tracking = node.at("trackingIds").as_object();
+  ASSERT_EQ(tracking.size(), 1u);
+  EXPECT_TRUE(std::string(tracking.at("clickTrackingId").as_string()).starts_with(url("/track/")));
+
+  addWith("2026-02-01T00:00:00Z");  // arrives on top; the next page is not shifted by it
+  const auto second = ask(feedQuery(2, std::nullopt, tieSecond)).data().at("messages");
+  EXPECT_EQ(ids(second), (std::vector<std::string>{tieFirst, oldest}));
+  EXPECT_EQ(second.at("pageInfo").at("hasNextPage"), false);
+  const auto past = ask(feedQuery(2, std::nullopt, oldest)).data().at("messages");
+  EXPECT_TRUE(ids(past).empty());
+  EXPECT_EQ(past.at("pageInfo").at("startCursor"), nullptr);
+
+  // A cursor that names no message is a field error beside the rest of the data.
+  const auto unknown = ask(feedQuery(2, std::nullopt, "nope"));
+  EXPECT_EQ(unknown.status, 200);
+  EXPECT_EQ(unknown.data().at("messages"), nullptr);
+  EXPECT_EQ(unknown.data().at("count"), 5);
+  EXPECT_NE(unknown.firstError().find("\"nope\""), std::string::npos);
+  EXPECT_EQ(unknown.object().at("errors").at(0).at("path"), (json::array{"messages"}));
+  EXPECT_EQ(ask(feedQuery(-1, std::nullopt, std::nullopt)).data().at("messages"), nullptr);
+}
+
+TEST_F(InboxGraphQL, EachMutationChangesTheStoredMessageAndTheFiltersSeeIt) {
+  const auto a = addWith("2026-01-01T00:00:00Z"), b = addWith("2026-01-02T00:00:00Z"),
+             c = addWith("2026-01-03T00:00:00Z");
+  auto unread = [&] { return ask(unreadCountQuery(std::nullopt)).data().at("count"); };
+  EXPECT_EQ(unread(), 3);
+
+  const auto read = ask(mutation("read", a));
+  ASSERT_EQ(read.status, 200) << read.body;
+  EXPECT_EQ(read.object(), (json::object{{"data", json::object{{"read", true}}}}));
+  EXPECT_EQ(unread(), 2);
+  auto node = [&](const std::string& id) {
+    const auto data = ask(feedQuery(10, std::nullopt, std::nullopt)).data();
+    for (const auto& n : data.at("messages").at("nodes").as_array())
+      if (n.at("messageId") == json::value(json::string(id))) return n;
+    return json::value(nullptr);
+  };
+  EXPECT_TRUE(node(a).at("read").is_string());
+  EXPECT_EQ(ask(mutation("unread", a)).status, 200);
+  EXPECT_EQ(node(a).at("read"), nullptr);
+  EXPECT_EQ(ask(mutation("opened", b)).status, 200);
+  EXPECT_TRUE(node(b).at("opened").is_string());
+
+  // Archiving moves a message from the feed to the archive, and out of the unread count.
+  EXPECT_EQ(ask(mutation("archive", c)).status, 200);
+  EXPECT_EQ(node(c), nullptr);
+  const auto archive = ask(archiveQuery(10, std::nullopt, std::nullopt)).data();
+  EXPECT_EQ(ids(archive.at("messages")), std::vector<std::string>{c});
+  EXPECT_EQ(archive.at("count"), 1);
+  EXPECT_TRUE(archive.at("messages").at("nodes").at(0).at("archived").is_string());
+  EXPECT_EQ(unread(), 2);
+
+  EXPECT_EQ(ask(kReadAll).object(), (json::object{{"data", json::object{{"markAllRead", true}}}}));
+  EXPECT_EQ(unread(), 0);
+
+  const auto clickId = std::string(node(a).at("trackingIds").at("clickTrackingId").as_string());
+  EXPECT_EQ(ask(clickMutation(a, clickId)).data().at("clicked"), true);
+  const auto wrongClick = ask(clickMutation(a, "someone-else's"));
+  EXPECT_EQ(wrongClick.data().at("clicked"), nullptr);
+  EXPECT_NE(wrongClick.firstError().find("click tracking id"), std::string::npos);
+
+  // A message of another user is no message of this one.
+  const auto bobs = std::string(add(R"({"title": "B"})", "bob").at("messageId").as_string());
+  const auto missing = ask(mutation("read", bobs));
+  EXPECT_EQ(missing.status, 200);
+  EXPECT_EQ(missing.data().at("read"), nullptr);
+  EXPECT_NE(missing.firstError().find("no message \"" + bobs + "\""), std::string::npos);
+  EXPECT_EQ(ask(getMessageQuery(bobs)).data().at("message"), nullptr);
+}
+
+TEST_F(InboxGraphQL, ATenantSeesOnlyItsOwnMessagesWhileTheUserSeesAll) {
+  const auto acme = addWith("2026-01-01T00:00:00Z", R"(, "tenant": "acme")");
+  const auto globex = addWith("2026-01-02T00:00:00Z", R"(, "tenant": "globex")");
+  addWith("2026-01-03T00:00:00Z");
+  EXPECT_EQ(ids(ask(feedQuery(10, "acme", std::nullopt)).data().at("messages")),
+            std::vector<std::string>{acme});
+  EXPECT_EQ(ask(unreadCountQuery("globex")).data().at("count"), 1);
+  EXPECT_EQ(ask(unreadCountQuery(std::nullopt)).data().at("count"), 3);
+  ask(mutation("archive", globex));
+  EXPECT_EQ(ids(ask(archiveQuery(10, "globex", std::nullopt)).data().at("messages")),
+            std::vector<std::string>{globex});
+  EXPECT_TRUE(ids(ask(archiveQuery(10, "acme", std::nullopt)).data().at("messages")).empty());
+}
+
+TEST_F(InboxGraphQL, OneMessageAnswersWhatItsQueryAsksUnderContent) {
+  const auto id = std::string(add(R"({"title": "Hello", "preview": "Pre", "body": "Body",
+      "actions": [{"content": "Go", "href": "app://go", "background_color": "#fff"}]})")
+                                  .at("messageId")
+                                  .as_string());
+  const auto answer = ask(getMessageQuery(id));
+  ASSERT_EQ(answer.status, 200) << answer.body;
+  const auto data = answer.data();
+  const auto& message = data.at("message").as_object();
+  // Title and preview come only inside "content", where the query asked for them.
+  EXPECT_FALSE(message.contains("title"));
+  EXPECT_EQ(message.at("content"), platform::parseJSON(R"({"title": "Hello", "preview": "Pre",
+      "actions": [{"background_color": "#fff", "content": "Go", "href": "app://go", "style": null}]})"));
+  EXPECT_EQ(message.at("messageId"), json::value(json::string(id)));
+}
+
+TEST_F(InboxGraphQL, WhatIsNotGraphQLOrNotInTheSchemaIsRefusedWithItsPlaceAndRunsNothing) {
+  const auto id = addWith("2026-01-01T00:00:00Z");
+  struct Case {
+    std::string query;
+    std::string expected;
+    long line, column;
+  } refused[] = {
+      {"{ count(params: {archived: true) }", "Unexpected \")\"", 1, 32},
+      {"query {\n  messages(limit: 2) {\n    nodes { messageId }\n", "end of document", 4, 1},
+      // Ids spliced raw, as the client does: a quote or a backslash breaks the string.
+      {mutation("read", "a\"b"), "Unterminated string", 2, 29},
+      {getMessageQuery("x\\y"), "bad escape", 2, 28},
+      {"{ count(params: {archived: 01}) }", "Invalid number", 1, 28},
+      {"{ message(messageId: \"" + id + "\") { messageId title { x } } }",
+       "must not have a selection", 1, 40},
+      {"{ message(messageId: \"" + id + "\") { subject } }",
+       "Cannot query field \"subject\" on type \"Message\"", 1, 30},
+      {"{ count(params: {status: \"new\"}) }", "\"read\" or \"unread\"", 1, 17},
+      {"{ count(params: {tenant: \"x\"}) }", "Field \"tenant\" is not defined", 1, 17},
+      {"{ messages(limit: \"2\") { totalCount } }", "Int cannot represent", 1, 19},
+      {"query Q($n: Int) { messages(after: $n) { totalCount } }", "expecting type \"String\"", 1,
+       36},
+      {"{ message { messageId } }", "argument \"messageId\"", 1, 3},
+      // A valid mutation beside an invalid field is not run either.
+      {"mutation { read(messageId: \"" + id + "\") nope }", "Cannot query field \"nope\"", 1, 34},
+  };
+  for (const auto& c : refused) {
+    const auto answer = ask(c.query);
+    EXPECT_EQ(answer.status, 400) << c.query;
+    const auto object = answer.object();
+    EXPECT_FALSE(object.contains("data")) << answer.body;
+    const auto& error = object.at("errors").at(0);
+    EXPECT_NE(std::string(error.at("message").as_string()).find(c.expected), std::string::npos)
+        << c.query << "\n"
+        << answer.body;
+    EXPECT_EQ(error.at("locations"),
+              (json::array{json::object{{"line", c.line}, {"column", c.column}}}))
+        << c.query << "\n"
+        << answer.body;
+  }
+  EXPECT_EQ(ask(unreadCountQuery(std::nullopt)).data().at("count"), 1);
+
+  // Hostile sizes are refused before they cost a stack or a minute.
+  std::string deep = "{ count(params: " + std::string(5000, '[') + std::string(5000, ']') + ") }";
+  EXPECT_NE(ask(deep).firstError().find("deeper than"), std::string::npos);
+  std::string deepFields;
+  for (int i = 0; i < 200; ++i) deepFields += "{ a ";
+  EXPECT_NE(ask(deepFields + std::string(200, '}')).firstError().find("deeper than"),
+            std::string::npos);
+  EXPECT_NE(ask("{ count" + std::string(70000, ' ') + "}").firstError().find("at most"),
+            std::string::npos);
+}
+
+TEST_F(InboxGraphQL, TheBodyAndItsVariablesAreReadAsAGraphQLServerReadsThem) {
+  addWith("2026-01-01T00:00:00Z");
+  addWith("2026-01-02T00:00:00Z");
+  const std::string query =
+      "query Page($limit: Int!, $params: FilterParamsInput) "
+      "{ ...Counted messages(limit: $limit, params: $params) { "
+      "n: totalCount page: nodes { __typename id: messageId } } } "
+      "fragment Counted on Query { count }";
+  const auto answer = call(
+      url("/inbox/q"), "POST",
+      platform::toJSON(json::object{{"query", query}, {"variables", json::object{{"limit", 1}}}}),
+      ada());
+  ASSERT_EQ(answer.status, 200) << answer.body;
+  EXPECT_EQ(answer.data().at("count"), 2);
+  EXPECT_EQ(answer.data().at("messages").at("n"), 2);
+  EXPECT_EQ(answer.data().at("messages").at("page").as_array().size(), 1u);
+  EXPECT_EQ(answer.data().at("messages").at("page").at(0).at("__typename"), "Message");
+
+  struct Case {
+    std::string body;
+    std::string expected;
+  } refused[] = {
+      {"not json", "JSON object"},
+      {R"({"variables": {}})", "\"query\""},
+      {R"({"query": "{ count }", "variables": "[1]"})", "\"variables\""},
+      {R"({"query": "query A { count } query B { count }"})", "operation name"},
+      {R"({"query": "query A { count }", "operationName": "B"})", "\"B\""},
+      {R"({"query": ")" + std::string("query($n: Int!) { messages(limit: $n) { totalCount } }") +
+           R"("})",
+       "\"$n\" of required type \"Int!\" was not provided"},
+      {R"({"query": "subscription { count }"})", "Subscriptions"},
+  };
+  for (const auto& c : refused) {
+    const auto answer = call(url("/inbox/q"), "POST", c.body, ada());
+    EXPECT_EQ(answer.status, 400) << c.body;
+    EXPECT_NE(answer.firstError().find(c.expected), std::string::npos) << c.body << answer.body;
+  }
+}
+
+TEST_F(InboxGraphQL, CredentialsAreThoseOfTheRestRoutesButTheClientKeyCounts) {
+  const auto count = unreadCountQuery(std::nullopt);
+  EXPECT_EQ(ask(count, {{"x-herald-user-id", "ada"}, {"x-herald-client-key", "sandbox-client-key"}})
+                .status,
+            200);
+  const auto bobJwt = std::string(
+      call(url("/_sandbox/users/bob/token"), "POST", std::nullopt).object().at("jwt").as_string());
+  struct Case {
+    Headers headers;
+    long status;
+  } refused[] = {
+      {{{"x-herald-user-id", "ada"}}, 401},
+      {{{"x-herald-user-id", "ada"}, {"x-herald-client-key", "wrong"}}, 401},
+      {{{"x-herald-user-id", "ada"}, {"Authorization", "Bearer " + bobJwt}}, 403},
+      // A token, once sent, is the credential: the client key beside it does not rescue it.
+      {{{"x-herald-user-id", "ada"},
+        {"Authorization", "Bearer " + bobJwt},
+        {"x-herald-client-key", "sandbox-client-key"}},
+       403},
+      {{{"Authorization", "Bearer " + jwt_}}, 400},
+  };
+  for (const auto& c : refused) {
+    const auto answer = ask(count, c.headers);
+    EXPECT_EQ(answer.status, c.status) << answer.body;
+    EXPECT_TRUE(answer.object().contains("message")) << answer.body;
+  }
+}
+
+TEST_F(InboxGraphQL, MessagesComeFromTheSandboxRouteAndFromEverySend) {
+  const auto added = add(R"({"title": "T", "tenant": "acme", "data": {"a": 1}})");
+  const auto& tracking = added.at("trackingIds").as_object();
+  EXPECT_EQ(tracking.size(), 6u);
+  const auto click = std::string(tracking.at("clickTrackingId").as_string());
+  EXPECT_EQ(click, url("/track/" + std::string(added.at("messageId").as_string()) + "/click"));
+  EXPECT_EQ(call(click, "POST", R"({"event":"CLICKED"})").status, 200);
+
+  for (const std::string body :
+       {R"({"title": 3})", R"({"subject": "x"})", R"({"created": "yesterday"})",
+        R"({"created": "2026-02-30T00:00:00Z"})", R"({"actions": [{"label": "x"}]})",
+        R"({"actions": {}})", R"({"data": [1]})", R"({"tenant": ""})", "[]"}) {
+    const auto answer = call(url("/_sandbox/users/ada/messages"), "POST", body);
+    EXPECT_EQ(answer.status, 400) << body;
+    EXPECT_EQ(answer.object().at("type"), "invalid_request_error") << body;
+  }
+
+  ASSERT_EQ(call(url("/users/ada/tokens/t1"), "PUT", R"({"provider_key":"apn","device":{}})",
+                 {{"Authorization", "Bearer " + jwt_}})
+                .status,
+            204);
+  const auto sent = call(url("/_sandbox/send"), "POST",
+                         R"({"user": "ada", "tenant": "acme", "push": {"aps": {"alert":
+                             {"title": "Hi", "body": "There"}}, "user_name": "Ana"}})");
+  ASSERT_EQ(sent.status, 200) << sent.body;
+  const auto page = ask(feedQuery(10, "acme", std::nullopt)).data().at("messages");
+  ASSERT_EQ(page.at("totalCount"), 2);
+  const auto& newest = page.at("nodes").at(0);
+  EXPECT_EQ(newest.at("messageId"), sent.object().at("inboxMessage").at("messageId"));
+  EXPECT_EQ(newest.at("title"), "Hi");
+  EXPECT_EQ(newest.at("data"), (json::object{{"user_name", "Ana"}}));
+}
+
+}  // namespace
