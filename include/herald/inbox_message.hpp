@@ -223,7 +223,8 @@ class HeraldInboxData {
   /// Both sets and the count copied; the messages in them are shared, not cloned.
   std::shared_ptr<HeraldInboxData> copy() const;
 
-  InboxMessageSet& set(InboxMessageFeed which);
+  /// The named list.
+  InboxMessageSet& messageSet(InboxMessageFeed which);
 
   /// Replaces the message at `index` (0 ≤ index < size) of the named list.
   void updateMessage(InboxMessagePtr message, std::int64_t index, InboxMessageFeed which);

@@ -372,20 +372,20 @@ std::shared_ptr<HeraldInboxData> HeraldInboxData::copy() const {
   return std::make_shared<HeraldInboxData>(*this);
 }
 
-InboxMessageSet& HeraldInboxData::set(InboxMessageFeed which) {
+InboxMessageSet& HeraldInboxData::messageSet(InboxMessageFeed which) {
   return which == InboxMessageFeed::feed ? feed : archived;
 }
 
 void HeraldInboxData::updateMessage(InboxMessagePtr message, std::int64_t index,
                                     InboxMessageFeed which) {
-  auto& messages = set(which).messages;
+  auto& messages = messageSet(which).messages;
   const auto at = checkedIndex(index, messages.size(), false, "update message", which);
   messages[at] = std::move(message);
 }
 
 void HeraldInboxData::addMessage(InboxMessagePtr message, std::int64_t index,
                                  InboxMessageFeed which) {
-  auto& messages = set(which).messages;
+  auto& messages = messageSet(which).messages;
   const auto at = checkedIndex(index, messages.size(), true, "add message", which);
   messages.insert(messages.begin() + static_cast<std::ptrdiff_t>(at), std::move(message));
   if (which == InboxMessageFeed::feed) {
@@ -394,7 +394,7 @@ void HeraldInboxData::addMessage(InboxMessagePtr message, std::int64_t index,
 }
 
 void HeraldInboxData::addPage(const InboxMessageSet& page, InboxMessageFeed which) {
-  auto& target = set(which);
+  auto& target = messageSet(which);
   target.messages.insert(target.messages.end(), page.messages.begin(), page.messages.end());
   target.paginationCursor = page.paginationCursor;
   target.canPaginate = page.canPaginate;
