@@ -396,7 +396,8 @@ class Builder {
     } else {
       result.kind = Value::Kind::object;
       for (const auto& child : node.children)
-        result.fields.emplace_back(child->children.at(0)->string(), value(*child->children.at(1)));
+        result.fields.push_back(
+            ObjectField{child->children.at(0)->string(), value(*child->children.at(1))});
     }
     return result;
   }

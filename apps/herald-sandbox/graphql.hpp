@@ -7,7 +7,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace sandbox::graphql {
@@ -18,6 +17,8 @@ struct Location {
   std::size_t column = 0;
 };
 
+struct ObjectField;
+
 /// A literal or a variable, as written in an argument or a default value.
 struct Value {
   enum class Kind { null, integer, floating, string, boolean, enumeration, list, object, variable };
@@ -27,8 +28,14 @@ struct Value {
   std::string text;
   bool boolean = false;
   std::vector<Value> items;                           ///< a list's items
-  std::vector<std::pair<std::string, Value>> fields;  ///< an object's fields, in order
+  std::vector<ObjectField> fields;  ///< an object's fields, in order
   Location location;
+};
+
+/// One "name: value" of an input object.
+struct ObjectField {
+  std::string name;
+  Value value;
 };
 
 struct Argument {
