@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <set>
 #include <string>
@@ -249,11 +251,18 @@ class Execution {
       case Kind::integer: {
         std::int64_t number = 0;
         const auto* end = value.text.data() + value.text.size();
-        if (std::from_chars(value.text.data(), end, number).ptr == end) return number;
-        return std::stod(value.text);  // beyond 64 bits: refused as Int later
+        const auto [last, error] = std::from_chars(value.text.data(), end, number);
+        if (error == std::errc() && last == end) return number;
+        [[fallthrough]];  // beyond 64 bits: a double, which Int then refuses
       }
-      case Kind::floating:
-        return std::stod(value.text);
+      case Kind::floating: {
+        const double number = std::strtod(value.text.c_str(), nullptr);
+        if (std::isfinite(number)) return number;
+        fail("The number " + value.text.substr(0, 20) + (value.text.size() > 20 ? "…" : "") +
+                 " is out of range.",
+             value.location);
+        return nullptr;
+      }
       case Kind::enumeration:
         // No enum types here: an enum literal fits nowhere, so it is kept apart from strings.
         fail("Enum value " + value.text + " fits no argument here; strings are quoted.",

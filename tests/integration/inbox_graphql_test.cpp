@@ -275,6 +275,8 @@ TEST_F(InboxGraphQL, WhatIsNotGraphQLOrNotInTheSchemaIsRefusedWithItsPlaceAndRun
       {mutation("read", "a\"b"), "Unterminated string", 2, 29},
       {getMessageQuery("x\\y"), "bad escape", 2, 28},
       {"{ count(params: {archived: 01}) }", "Invalid number", 1, 28},
+      {"{ count(params: {archived: 1e999}) }", "out of range", 1, 28},
+      {"{ messages(limit: " + std::string(400, '9') + ") { totalCount } }", "out of range", 1, 19},
       {"{ message(messageId: \"" + id + "\") { messageId title { x } } }",
        "must not have a selection", 1, 40},
       {"{ message(messageId: \"" + id + "\") { subject } }",
