@@ -317,6 +317,26 @@ TEST_F(InboxGraphQL, WhatIsNotGraphQLOrNotInTheSchemaIsRefusedWithItsPlaceAndRun
             std::string::npos);
 }
 
+TEST_F(InboxGraphQL, StringsMeanWhatTheirEscapesAndIndentationSay) {
+  const auto id = addWith("2026-01-01T00:00:00Z");
+  ASSERT_EQ(id, "i1");
+  for (const std::string spelling : {R"("\u0069\u0031")", "\"\"\"\n      i1\n    \"\"\""}) {
+    const auto answer =
+        ask("# one message\n{ message(messageId: " + spelling + ",) { messageId }, }");
+    ASSERT_EQ(answer.status, 200) << spelling << answer.body;
+    EXPECT_EQ(answer.data().at("message").at("messageId"), "i1") << spelling;
+  }
+  // A cursor's text comes back in its error, so the decoding shows: a surrogate pair is one
+  // character, half of one is no character at all.
+  const auto pair = ask(R"({ messages(after: "\ud83d\ude00 \"\\") { totalCount } })");
+  EXPECT_NE(pair.firstError().find("\"\xF0\x9F\x98\x80 \"\\\""), std::string::npos) << pair.body;
+  const auto block = ask(R"({ messages(after: """x\"""y""") { totalCount } })");
+  EXPECT_NE(block.firstError().find(R"("x"""y")"), std::string::npos) << block.body;
+  const auto half = ask(R"({ messages(after: "\ud83d") { totalCount } })");
+  EXPECT_EQ(half.status, 400);
+  EXPECT_NE(half.firstError().find("surrogate"), std::string::npos) << half.body;
+}
+
 TEST_F(InboxGraphQL, TheBodyAndItsVariablesAreReadAsAGraphQLServerReadsThem) {
   addWith("2026-01-01T00:00:00Z");
   addWith("2026-01-02T00:00:00Z");
