@@ -58,17 +58,16 @@ std::string InboxClient::getMessagesQuery(std::int64_t paginationLimit,
 std::string InboxClient::getArchivedMessagesQuery(
     std::int64_t paginationLimit, const std::optional<std::string>& startCursor) const {
   const auto& tenantId = options().tenantId;
-  const std::string filter = tenantId ? "= { accountId: \"" + *tenantId + "\", archived: true }"
-                                      : "= { archived: true }";
+  const std::string filter =
+      tenantId ? "= { accountId: \"" + *tenantId + "\", archived: true }" : "= { archived: true }";
   return pageQuery("GetArchivedMessages", filter, paginationLimit, startCursor);
 }
 
 std::string InboxClient::unreadMessageCountQuery() const {
   const auto& tenantId = options().tenantId;
   // The "= " is part of the fixed text here, unlike in the page queries' filters.
-  const std::string filter = tenantId
-                                 ? "{ accountId: \"" + *tenantId + "\", status: \"unread\" }"
-                                 : "{ status: \"unread\" }";
+  const std::string filter = tenantId ? "{ accountId: \"" + *tenantId + "\", status: \"unread\" }"
+                                      : "{ status: \"unread\" }";
   return "    query GetMessages(\n        $params: FilterParamsInput = " + filter +
          "\n    ) {\n        count(params: $params)\n    }";
 }
@@ -165,6 +164,8 @@ boost::asio::awaitable<void> InboxClient::open(std::string messageId) const {
 boost::asio::awaitable<void> InboxClient::archive(std::string messageId) const {
   co_await send(archiveMutation(messageId));
 }
-boost::asio::awaitable<void> InboxClient::readAll() const { co_await send(readAllMutation()); }
+boost::asio::awaitable<void> InboxClient::readAll() const {
+  co_await send(readAllMutation());
+}
 
 }  // namespace herald

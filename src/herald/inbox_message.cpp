@@ -40,8 +40,7 @@ std::optional<HeraldTrackingIds> decodeTrackingIds(const core::KeyedDecoder& dec
     return HeraldTrackingIds::fromJSON(*value);
   } catch (const std::invalid_argument& e) {
     throw core::DecodingError(core::DecodingError::Kind::typeMismatch,
-                              core::appendCodingKey(decoder.codingPath(), "trackingIds"),
-                              e.what());
+                              core::appendCodingKey(decoder.codingPath(), "trackingIds"), e.what());
   }
 }
 
@@ -83,21 +82,20 @@ using MarkOperation = boost::asio::awaitable<void> (InboxMessage::*)() const;
 void runWithCallbacks(const InboxMessage& message, MarkOperation operation,
                       InboxMessage::OnSuccess onSuccess, InboxMessage::OnFailure onFailure) {
   // The task keeps its own copy of the message, so the caller's may go away meanwhile.
-  platform::spawnDetached(
-      [message = message.copy(), operation, onSuccess = std::move(onSuccess),
-       onFailure = std::move(onFailure)]() -> boost::asio::awaitable<void> {
-        std::optional<HeraldError> failure;
-        try {
-          co_await ((*message).*operation)();
-        } catch (...) {
-          failure = HeraldError::from(std::current_exception());
-        }
-        if (failure) {
-          if (onFailure) onFailure(*failure);
-        } else if (onSuccess) {
-          onSuccess();
-        }
-      });
+  platform::spawnDetached([message = message.copy(), operation, onSuccess = std::move(onSuccess),
+                           onFailure = std::move(onFailure)]() -> boost::asio::awaitable<void> {
+    std::optional<HeraldError> failure;
+    try {
+      co_await ((*message).*operation)();
+    } catch (...) {
+      failure = HeraldError::from(std::current_exception());
+    }
+    if (failure) {
+      if (onFailure) onFailure(*failure);
+    } else if (onSuccess) {
+      onSuccess();
+    }
+  });
 }
 
 }  // namespace
@@ -190,9 +188,13 @@ boost::json::object InboxMessage::toJSON() const {
   return object;
 }
 
-InboxMessagePtr InboxMessage::copy() const { return std::make_shared<InboxMessage>(*this); }
+InboxMessagePtr InboxMessage::copy() const {
+  return std::make_shared<InboxMessage>(*this);
+}
 
-std::optional<std::string> InboxMessage::subtitle() const { return body ? body : preview; }
+std::optional<std::string> InboxMessage::subtitle() const {
+  return body ? body : preview;
+}
 
 InboxMessage::Date InboxMessage::createdAt(Date now) const {
   if (!created) return now;
@@ -204,8 +206,7 @@ InboxMessage::Date InboxMessage::createdAt() const {
 }
 
 std::int64_t InboxMessage::timestamp(Date now) const {
-  const double seconds =
-      std::chrono::duration<double>(createdAt(now).time_since_epoch()).count();
+  const double seconds = std::chrono::duration<double>(createdAt(now).time_since_epoch()).count();
   const double milliseconds = std::trunc(seconds * 1000.0);
   // 2^63 is exactly representable; anything at or past it does not fit.
   constexpr double limit = 9223372036854775808.0;
@@ -235,7 +236,9 @@ std::string InboxMessage::time(Date now) const {
   return std::to_string(s / year) + "y";
 }
 
-std::string InboxMessage::time() const { return time(std::chrono::system_clock::now()); }
+std::string InboxMessage::time() const {
+  return time(std::chrono::system_clock::now());
+}
 
 // Each of these hands the message id to the inbox module once there is one; the module is
 // not part of the client yet, so the inbox is never ready.
@@ -264,16 +267,13 @@ void InboxMessage::markAsRead(OnSuccess onSuccess, OnFailure onFailure) const {
   runWithCallbacks(*this, &InboxMessage::markAsRead, std::move(onSuccess), std::move(onFailure));
 }
 void InboxMessage::markAsUnread(OnSuccess onSuccess, OnFailure onFailure) const {
-  runWithCallbacks(*this, &InboxMessage::markAsUnread, std::move(onSuccess),
-                   std::move(onFailure));
+  runWithCallbacks(*this, &InboxMessage::markAsUnread, std::move(onSuccess), std::move(onFailure));
 }
 void InboxMessage::markAsOpened(OnSuccess onSuccess, OnFailure onFailure) const {
-  runWithCallbacks(*this, &InboxMessage::markAsOpened, std::move(onSuccess),
-                   std::move(onFailure));
+  runWithCallbacks(*this, &InboxMessage::markAsOpened, std::move(onSuccess), std::move(onFailure));
 }
 void InboxMessage::markAsClicked(OnSuccess onSuccess, OnFailure onFailure) const {
-  runWithCallbacks(*this, &InboxMessage::markAsClicked, std::move(onSuccess),
-                   std::move(onFailure));
+  runWithCallbacks(*this, &InboxMessage::markAsClicked, std::move(onSuccess), std::move(onFailure));
 }
 void InboxMessage::markAsArchived(OnSuccess onSuccess, OnFailure onFailure) const {
   runWithCallbacks(*this, &InboxMessage::markAsArchived, std::move(onSuccess),
@@ -295,7 +295,9 @@ InboxData InboxData::from(const core::KeyedDecoder& decoder) {
           decoder.decodeIfPresent<InboxNodes>("messages")};
 }
 
-void InboxData::incrementCount() { count = checkedIncrement(count.value_or(0), "the inbox count"); }
+void InboxData::incrementCount() {
+  count = checkedIncrement(count.value_or(0), "the inbox count");
+}
 
 InboxResponse InboxResponse::from(const core::KeyedDecoder& decoder) {
   return {decoder.decodeIfPresent<InboxData>("data")};
@@ -333,9 +335,8 @@ boost::json::object InboxMessageSet::toJSON() const {
   boost::json::array list;
   list.reserve(messages.size());
   for (const auto& message : messages) list.emplace_back(message->toJSON());
-  boost::json::object object{{"messages", std::move(list)},
-                             {"totalCount", totalCount},
-                             {"canPaginate", canPaginate}};
+  boost::json::object object{
+      {"messages", std::move(list)}, {"totalCount", totalCount}, {"canPaginate", canPaginate}};
   put(object, "paginationCursor", paginationCursor);
   return object;
 }

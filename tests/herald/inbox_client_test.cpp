@@ -1,3 +1,5 @@
+#include "herald/inbox_client.hpp"
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -8,7 +10,6 @@
 #include "herald/endpoints.hpp"
 #include "herald/herald_client.hpp"
 #include "herald/herald_error.hpp"
-#include "herald/inbox_client.hpp"
 #include "platform/executor.hpp"
 #include "platform/json.hpp"
 #include "platform/system_log.hpp"
@@ -93,7 +94,8 @@ TEST(InboxQueries, PageQueriesCarryTheTenantAndCursorDefaultsOnlyWhenGiven) {
             R"(    query GetArchivedMessages(
         $params: FilterParamsInput = { accountId: "acme", archived: true }
         $limit: Int = 0
-        $after: String )" + kPageTail);
+        $after: String )" +
+                kPageTail);
 }
 
 TEST(InboxQueries, CountOneMessageAndMutationTextsAreExact) {
@@ -161,16 +163,12 @@ TEST(InboxClientWire, EveryOperationPostsItsQueryWithTheHeadersInOrder) {
 
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 10u);
-  const std::vector<std::string> expected{client.getMessagesQuery(5, "c"),
-                                          client.getArchivedMessagesQuery(5, std::nullopt),
-                                          client.unreadMessageCountQuery(),
-                                          InboxClient::getMessageQuery("m"),
-                                          InboxClient::clickMutation("m", "t"),
-                                          InboxClient::readMutation("m"),
-                                          InboxClient::unreadMutation("m"),
-                                          InboxClient::openMutation("m"),
-                                          InboxClient::archiveMutation("m"),
-                                          InboxClient::readAllMutation()};
+  const std::vector<std::string> expected{
+      client.getMessagesQuery(5, "c"),      client.getArchivedMessagesQuery(5, std::nullopt),
+      client.unreadMessageCountQuery(),     InboxClient::getMessageQuery("m"),
+      InboxClient::clickMutation("m", "t"), InboxClient::readMutation("m"),
+      InboxClient::unreadMutation("m"),     InboxClient::openMutation("m"),
+      InboxClient::archiveMutation("m"),    InboxClient::readAllMutation()};
   for (std::size_t i = 0; i < requests.size(); ++i) {
     EXPECT_EQ(requests[i].method, "POST");
     EXPECT_EQ(requests[i].target, "/inbox/q");
@@ -189,7 +187,8 @@ TEST(InboxClientWire, EveryOperationPostsItsQueryWithTheHeadersInOrder) {
   // Without a connection id the header is left out, not sent empty.
   platform::blockOn(inbox(std::nullopt, std::nullopt, std::nullopt, "key-1").readAll());
   const auto keyOnly = server.requests().back();
-  EXPECT_EQ(keyOnly.headers[1], (std::pair<std::string, std::string>{"x-herald-user-id", "user-1"}));
+  EXPECT_EQ(keyOnly.headers[1],
+            (std::pair<std::string, std::string>{"x-herald-user-id", "user-1"}));
   EXPECT_EQ(keyOnly.headers[2],
             (std::pair<std::string, std::string>{"x-herald-client-key", "key-1"}));
   EXPECT_FALSE(keyOnly.header("x-herald-client-source-id"));

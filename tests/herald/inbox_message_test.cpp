@@ -1,3 +1,5 @@
+#include "herald/inbox_message.hpp"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -5,7 +7,6 @@
 #include <limits>
 #include <string>
 
-#include "herald/inbox_message.hpp"
 #include "platform/executor.hpp"
 #include "platform/json.hpp"
 
@@ -23,12 +24,13 @@ namespace {
 // 2026-01-10T12:00:00Z
 const core::Date kCreated{std::chrono::seconds(1768046400)};
 
-InboxMessagePtr message(std::string_view json) { return InboxMessage::fromJSON(json); }
+InboxMessagePtr message(std::string_view json) {
+  return InboxMessage::fromJSON(json);
+}
 
 InboxMessagePtr createdAt(std::string created) {
-  return std::make_shared<InboxMessage>("m", std::nullopt, std::nullopt, std::nullopt,
-                                        std::nullopt, std::nullopt, std::nullopt,
-                                        std::move(created));
+  return std::make_shared<InboxMessage>("m", std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                                        std::nullopt, std::nullopt, std::move(created));
 }
 
 std::string decodingFailure(std::string_view json) {
@@ -79,8 +81,7 @@ TEST(InboxMessageModel, OnlyTheFixedShapeHasADisplayTimeWhileCreatedAtIsLenient)
   EXPECT_EQ(noMillis->createdAt(now), kCreated);
   EXPECT_EQ(noMillis->timestamp(now), 1768046400000);
 
-  for (const auto& m : {createdAt(""), createdAt("yesterday"),
-                        message(R"({"messageId":"a"})")}) {
+  for (const auto& m : {createdAt(""), createdAt("yesterday"), message(R"({"messageId":"a"})")}) {
     EXPECT_EQ(m->time(now), "now");
     EXPECT_EQ(m->createdAt(now), now);
     EXPECT_EQ(m->timestamp(now), 1768046400000 + 5 * 86400000);
@@ -115,9 +116,9 @@ TEST(InboxMessageModel, DecodesEveryFieldAndEncodesThemBackUnderTheSameKeys) {
 }
 
 TEST(InboxMessageModel, AMissingIdFailsThePageWhileBadDataOnlyLosesTheMap) {
-  EXPECT_EQ(decodingFailure(
-                R"({"data":{"messages":{"nodes":[{"messageId":"a"},{"title":"no id"}]}}})"),
-            "data.messages.nodes[1].messageId");
+  EXPECT_EQ(
+      decodingFailure(R"({"data":{"messages":{"nodes":[{"messageId":"a"},{"title":"no id"}]}}})"),
+      "data.messages.nodes[1].messageId");
   EXPECT_EQ(decodingFailure(R"({"data":{"messages":{"nodes":[{"messageId":null}]}}})"),
             "data.messages.nodes[0].messageId");
   // Any other field of the wrong type fails too, naming the key.
@@ -145,8 +146,8 @@ TEST(InboxMessageModel, LargeAndDeepAnswersDecodeOrFailCleanly) {
   std::string page = R"({"data":{"count":100000,"messages":{"nodes":[)";
   for (int i = 0; i < 100000; ++i) {
     if (i > 0) page += ',';
-    page += R"({"messageId":"m-)" + std::to_string(i) + R"(","data":{"i":)" + std::to_string(i) +
-            "}}";
+    page +=
+        R"({"messageId":"m-)" + std::to_string(i) + R"(","data":{"i":)" + std::to_string(i) + "}}";
   }
   page += "]}}}";
   const auto set = InboxMessageSet::fromData(*core::decodeJSON<herald::InboxResponse>(page).data);
@@ -154,8 +155,7 @@ TEST(InboxMessageModel, LargeAndDeepAnswersDecodeOrFailCleanly) {
   EXPECT_EQ(set.messages.back()->messageId, "m-99999");
 
   auto nested = [](int depth) {
-    return R"({"messageId":"a","data":)" + std::string(depth, '[') + std::string(depth, ']') +
-           "}";
+    return R"({"messageId":"a","data":)" + std::string(depth, '[') + std::string(depth, ']') + "}";
   };
   EXPECT_EQ(message(nested(400))->data, std::nullopt);  // an array is no map
   EXPECT_THROW(message(nested(100000)), core::DecodingError);
