@@ -15,7 +15,7 @@
 /// `platform::Error` for an invalid URL or a transport failure), and a page that cannot be
 /// decoded throws `core::DecodingError` naming the key.
 ///
-/// The realtime socket that the inbox client will own is not part of it yet.
+/// The realtime socket that the inbox client will own does not exist yet.
 
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>

@@ -116,7 +116,7 @@ class InboxMessage {
   std::string time(Date now) const;
   std::string time() const;
 
-  /// Marks the message through the inbox. The inbox module is not part of the client yet:
+  /// Marks the message through the inbox. The inbox module does not exist yet:
   /// until it is, every one of these throws `HeraldError::inboxNotInitialized()`.
   boost::asio::awaitable<void> markAsRead() const;
   boost::asio::awaitable<void> markAsUnread() const;

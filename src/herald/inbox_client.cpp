@@ -65,7 +65,7 @@ std::string InboxClient::getArchivedMessagesQuery(
 
 std::string InboxClient::unreadMessageCountQuery() const {
   const auto& tenantId = options().tenantId;
-  // The "= " is part of the fixed text here, unlike in the page queries' filters.
+  // The "= " belongs to the fixed text here, unlike in the page queries' filters.
   const std::string filter = tenantId ? "{ accountId: \"" + *tenantId + "\", status: \"unread\" }"
                                       : "{ status: \"unread\" }";
   return "    query GetMessages(\n        $params: FilterParamsInput = " + filter +

@@ -241,7 +241,7 @@ std::string InboxMessage::time() const {
 }
 
 // Each of these hands the message id to the inbox module once there is one; the module is
-// not part of the client yet, so the inbox is never ready.
+// not written yet, so the inbox is never ready.
 boost::asio::awaitable<void> InboxMessage::markAsRead() const {
   throw HeraldError::inboxNotInitialized();
   co_return;
