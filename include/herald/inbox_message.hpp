@@ -117,7 +117,7 @@ class InboxMessage {
   std::string time() const;
 
   /// Marks the message through the inbox. The inbox module does not exist yet:
-  /// until it is, every one of these throws `HeraldError::inboxNotInitialized()`.
+  /// until it does, every one of these throws `HeraldError::inboxNotInitialized()`.
   boost::asio::awaitable<void> markAsRead() const;
   boost::asio::awaitable<void> markAsUnread() const;
   boost::asio::awaitable<void> markAsOpened() const;
