@@ -49,13 +49,17 @@ int keepOnDevice(const std::function<void()>& keep, Context& context) {
 }
 
 // Signs in and checks that the credentials were stored: the facade logs a failure to store
-// them and leaves the user signed out, which the command must not report as success.
+// them and leaves the user signed out (no client), which the command must not report as
+// success. The store itself is not read back: another process may have signed someone else
+// in since.
 awaitable<int> signInAndCheck(const std::string& userId, const std::optional<std::string>& tenantId,
                               const std::string& accessToken,
                               const std::optional<std::string>& clientKey, Context& context) {
   co_await herald::Herald::shared().signIn(userId, tenantId, accessToken, clientKey,
                                            context.showLogs);
-  if (herald::UserManager::shared().userId() == userId) co_return ExitStatus::success;
+  // Awaited into a variable first: g++ 12 miscompiles a co_await inside an if condition.
+  const auto client = co_await herald::Herald::shared().client();
+  if (client) co_return ExitStatus::success;
   context.report.failure(Failure::storageError(
       "could not store the credentials of " + userId + " in " +
       platform::UserDefaults::standardFile().string() + "; nobody is signed in"));
@@ -83,12 +87,12 @@ awaitable<Uploads> checkUploads(Context& context) {
   co_return result;
 }
 
-// The common part of `token set` and `token apns`: keep the token on the device; with a user
-// signed in, sign in again from the stored credentials and register it.
-awaitable<int> keepAndRegister(const std::string& providerKey, const std::string& token,
-                               const std::function<void()>& keep,
-                               const std::function<awaitable<void>()>& upload, Context& context) {
-  auto& herald = herald::Herald::shared();
+// The stored credentials, as the last sign-in left them.
+struct StoredSession {
+  std::optional<std::string> userId, tenantId, accessToken, clientKey;
+};
+
+StoredSession storedSession() {
   const auto credentials = herald::UserManager::shared().getCredentials();
   const auto field = [&](std::string_view key) -> std::optional<std::string> {
     if (!credentials) return std::nullopt;
@@ -96,7 +100,25 @@ awaitable<int> keepAndRegister(const std::string& providerKey, const std::string
     if (it == credentials->end()) return std::nullopt;
     return it->second;
   };
-  const auto userId = field(herald::UserManager::userIdKey);
+  return {field(herald::UserManager::userIdKey), field(herald::UserManager::tenantIdKey),
+          field(herald::UserManager::accessTokenKey), field(herald::UserManager::clientKeyKey)};
+}
+
+// Signs in again from the stored credentials, as an application does at launch (which
+// registers the device's tokens again: the caller seeds them first).
+awaitable<int> signInAgain(const StoredSession& session, Context& context) {
+  co_return co_await signInAndCheck(*session.userId, session.tenantId,
+                                    session.accessToken.value_or(""), session.clientKey, context);
+}
+
+// The common part of `token set` and `token apns`: keep the token on the device; with a user
+// signed in, sign in again from the stored credentials and register it.
+awaitable<int> keepAndRegister(const std::string& providerKey, const std::string& token,
+                               const std::function<void()>& keep,
+                               const std::function<awaitable<void>()>& upload, Context& context) {
+  auto& herald = herald::Herald::shared();
+  const auto session = storedSession();
+  const auto& userId = session.userId;
   auto fields = tokenJSON(providerKey, token);
 
   if (!userId) {
@@ -115,9 +137,7 @@ awaitable<int> keepAndRegister(const std::string& providerKey, const std::string
   // a failed registration is tried again at the next sign-in.
   co_await context.device.seed(herald);
   if (int status = keepOnDevice(keep, context)) co_return status;
-  int status = co_await signInAndCheck(*userId, field(herald::UserManager::tenantIdKey),
-                                       field(herald::UserManager::accessTokenKey).value_or(""),
-                                       field(herald::UserManager::clientKeyKey), context);
+  int status = co_await signInAgain(session, context);
   if (status != ExitStatus::success) co_return status;
   status = (co_await checkUploads(context)).status;
   if (status == ExitStatus::unreachable) {
@@ -211,6 +231,21 @@ awaitable<int> setAPNSToken(std::string rawToken, Context& context) {
       providerKey, herald::hexString(rawToken), [&] { context.device.setAPNSToken(rawToken); },
       [&]() -> awaitable<void> { co_await herald::Herald::shared().setAPNSToken(rawToken); },
       context);
+}
+
+awaitable<Session> resumeSession(Context& context) {
+  auto& herald = herald::Herald::shared();
+  const auto session = storedSession();
+  if (!session.userId) throw herald::HeraldError::noUserSignedIn();
+  co_await context.device.seed(herald);
+  Session result;
+  result.status = co_await signInAgain(session, context);
+  if (result.status != ExitStatus::success) co_return result;
+  // A refused registration is told, but it is not what the caller came for.
+  co_await checkUploads(context);
+  result.client = co_await herald.client();
+  if (!result.client) throw herald::HeraldError::noUserSignedIn();
+  co_return result;
 }
 
 int getToken(const std::string& providerKey, Context& context) {

@@ -110,7 +110,8 @@ class Herald : public std::enable_shared_from_this<Herald> {
   std::optional<std::string> tenantId() const;
   bool isUserSignedIn() const;
 
-  /// The signed-in user's client; none after sign-out and in a new process until sign-in.
+  /// The signed-in user's client; none after sign-out, after a sign-in whose credentials
+  /// could not be stored, and in a new process until sign-in.
   boost::asio::awaitable<std::shared_ptr<HeraldClient>> client();
 
   // ---- listeners -------------------------------------------------------------------------
