@@ -4,12 +4,14 @@
 // reporter.
 
 #include <boost/asio/awaitable.hpp>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "device_tokens.hpp"
+#include "herald/herald_client.hpp"
 #include "report.hpp"
 
 namespace cli {
@@ -48,5 +50,33 @@ boost::asio::awaitable<int> setToken(std::string providerKey, std::string token,
 boost::asio::awaitable<int> setAPNSToken(std::string rawToken, Context& context);
 /// The device's token for a provider; no network.
 int getToken(const std::string& providerKey, Context& context);
+
+/// A session taken up again: the client, or none with `status` saying why (already reported).
+struct Session {
+  std::shared_ptr<herald::HeraldClient> client;
+  int status = ExitStatus::success;
+};
+
+/// Signs in again from the stored credentials, as `token set` does (the device's tokens are
+/// registered again; a refusal is reported and does not stop the caller). Throws
+/// `HeraldError::noUserSignedIn()` when nobody is signed in.
+boost::asio::awaitable<Session> resumeSession(Context& context);
+
+/// What `herald inbox` is asked to do.
+struct InboxRequest {
+  enum class Kind { list, count, get, read, unread, open, archive, click, readAll };
+  Kind kind = Kind::list;
+  /// list: the archive instead of the feed.
+  bool archived = false;
+  /// list: the page size, 1…100 (none: the client's default).
+  std::optional<long long> limit;
+  /// list: the cursor of the page to fetch (none: the first page).
+  std::optional<std::string> after;
+  std::string messageId;
+  std::string trackingId;
+};
+
+/// One inbox operation of the signed-in user, through a session taken up again.
+boost::asio::awaitable<int> inbox(InboxRequest request, Context& context);
 
 }  // namespace cli

@@ -1,5 +1,5 @@
 // herald: the command a person uses to drive the Herald client: sign a user in and out, see
-// who is signed in, and give the device's push tokens to the service. A thin layer over the
+// who is signed in, give the device's push tokens to the service, and read the inbox. A thin layer over the
 // client library, which never prints: the command does, as text or as JSON lines.
 
 #include <CLI/CLI.hpp>
@@ -30,8 +30,8 @@ namespace {
 constexpr const char* kName = "herald";
 
 constexpr const char* kDescription =
-    R"(Drives the Herald client from the command line: signs a user in and out and registers the
-device's push tokens with the service. Credentials and the device's tokens are kept in the
+    R"(Drives the Herald client from the command line: signs a user in and out, registers the
+device's push tokens with the service and reads and changes the user's inbox. Credentials and the device's tokens are kept in the
 configuration folder, so that each command starts where the last one left off.
 )";
 
@@ -134,6 +134,27 @@ std::string checkProviderToken(const std::string& text) {
   return {};
 }
 
+// Message ids, tracking ids and cursors go into the text of GraphQL strings as they are.
+std::string checkInboxValue(const std::string& text) {
+  if (text.empty()) return "must not be empty";
+  for (unsigned char c : text) {
+    if (c < 0x20 || c == 0x7f) return "must not hold control characters (line breaks, tabs)";
+    if (c == '"' || c == '\\')
+      return "must not hold quotes or backslashes (it goes into the service's query as it "
+             "is), not '" + text + "'";
+  }
+  return {};
+}
+
+std::string checkLimit(const std::string& text) {
+  const std::string problem = "takes a whole number from 1 to 100, not '" + text + "'";
+  if (text.empty() || text.size() > 3) return problem;
+  for (char c : text)
+    if (c < '0' || c > '9') return problem;
+  const int value = std::stoi(text);
+  return value >= 1 && value <= 100 ? std::string() : problem;
+}
+
 std::string checkEndpoint(const std::string& text) {
   try {
     herald::Endpoints::localService(text);
@@ -189,11 +210,17 @@ struct CommandLine {
   CLI::App* tokenSet = nullptr;
   CLI::App* tokenAPNS = nullptr;
   CLI::App* tokenGet = nullptr;
+  CLI::App* inbox = nullptr;
+  cli::InboxRequest inboxRequest;
+  std::string inboxLimit;
+  // The inbox's commands and what each asks for.
+  std::vector<std::pair<CLI::App*, cli::InboxRequest::Kind>> inboxCommands;
 
  private:
   void addGlobalOptions();
   void addSession();
   void addToken();
+  void addInbox();
 };
 
 CommandLine::CommandLine() {
@@ -209,6 +236,7 @@ CommandLine::CommandLine() {
   addGlobalOptions();
   addSession();
   addToken();
+  addInbox();
 }
 
 void CommandLine::addGlobalOptions() {
@@ -314,6 +342,57 @@ service; with nobody signed in it is registered at the next sign-in.
   for (auto* command : {tokenSet, tokenAPNS, tokenGet}) command->group("Commands");
 }
 
+void CommandLine::addInbox() {
+  using Kind = cli::InboxRequest::Kind;
+  inbox = app.add_subcommand("inbox", "the signed-in user's inbox");
+  inbox->group("Commands");
+  inbox->require_subcommand(1);
+  inbox->footer(
+      R"(Each command signs in again from the stored credentials (as an application does at
+launch, which registers the device's tokens again) and asks the service. With nobody
+signed in: "No user signed in", exit status 1. A message is shown as its age, a star when
+unread, its title and id, and its body (or preview) below.
+
+)" + std::string(kGlobalOptions));
+
+  auto* list = inbox->add_subcommand(
+      "list", "a page of messages, newest first; the last line tells the cursor of the next");
+  list->add_flag("--archived", inboxRequest.archived, "the archived messages instead")
+      ->disable_flag_override();
+  list->add_option("--limit", inboxLimit, "messages per page, 1 to 100 (default 32)")
+      ->type_name("N")
+      ->check(validator(checkLimit));
+  list->add_option("--after", inboxRequest.after, "the page after this cursor")
+      ->type_name("CURSOR")
+      ->check(validator(checkInboxValue));
+  inboxCommands.emplace_back(list, Kind::list);
+  inboxCommands.emplace_back(inbox->add_subcommand("count", "the number of unread messages"),
+                             Kind::count);
+  inboxCommands.emplace_back(inbox->add_subcommand("read-all", "mark every message as read"),
+                             Kind::readAll);
+
+  const auto withId = [&](const char* name, const char* description, Kind kind) {
+    auto* command = inbox->add_subcommand(name, description);
+    command->add_option("ID", inboxRequest.messageId, "the message's id")
+        ->type_name("")
+        ->required()
+        ->check(validator(checkInboxValue));
+    inboxCommands.emplace_back(command, kind);
+    return command;
+  };
+  withId("get", "one message (the service sends no title, preview or actions here)", Kind::get);
+  withId("read", "mark a message as read", Kind::read);
+  withId("unread", "mark a message as unread", Kind::unread);
+  withId("open", "mark a message as opened", Kind::open);
+  withId("archive", "archive a message", Kind::archive);
+  withId("click", "report a click on a message", Kind::click)
+      ->add_option("TRACKING_ID", inboxRequest.trackingId, "the click's tracking id")
+      ->type_name("")
+      ->required()
+      ->check(validator(checkInboxValue));
+  for (auto& [command, kind] : inboxCommands) command->group("Commands");
+}
+
 // One line that says what is wrong, in the command's words where CLI11's would name its
 // internals.
 std::string describe(const CLI::ParseError& error, const CLI::App& app) {
@@ -336,6 +415,9 @@ std::string describe(const CLI::ParseError& error, const CLI::App& app) {
     if (text.find("ubcommand") != std::string::npos) {
       if (app.get_subcommand("token")->parsed())
         return "token needs a command: set, apns or get (see token --help)";
+      if (app.get_subcommand("inbox")->parsed())
+        return "inbox needs a command: list, count, get, read, unread, open, archive, click or "
+               "read-all (see inbox --help)";
       return "no command given (see --help)";
     }
     // "--user is required"
@@ -431,6 +513,13 @@ int dispatch(CommandLine& line, cli::Context& context) {
   if (line.tokenAPNS->parsed())
     return platform::blockOn(cli::setAPNSToken(*cli::bytesFromHex(line.token.hex), context));
   if (line.tokenGet->parsed()) return cli::getToken(line.token.provider, context);
+  for (const auto& [command, kind] : line.inboxCommands) {
+    if (!command->parsed()) continue;
+    auto request = line.inboxRequest;
+    request.kind = kind;
+    if (!line.inboxLimit.empty()) request.limit = std::stoll(line.inboxLimit);
+    return platform::blockOn(cli::inbox(std::move(request), context));
+  }
   throw cli::UsageError("no command given (see --help)");
 }
 

@@ -272,3 +272,166 @@ TEST_F(HeraldCommand, TwoSignInsAtOnceLeaveOneWholeRecord) {
   for (const auto& entry : std::filesystem::directory_iterator(config_))
     EXPECT_EQ(entry.path().filename().string().find(".corrupt-"), std::string::npos);
 }
+
+namespace {
+
+// The inbox commands against the sandbox's inbox, with messages put there by hand.
+class HeraldInbox : public HeraldCommand {
+ protected:
+  void SetUp() override {
+    HeraldCommand::SetUp();
+    const auto f = herald({"signin", "--user", "ada", "--jwt", jwtFor("ada")});
+    ASSERT_EQ(f.exitCode, 0) << f.err;
+  }
+
+  // Puts a message into ada's inbox and returns its id.
+  std::string addMessage(const json::object& message) {
+    auto request = platform::URLRequest::make(sandbox_.url() + "/_sandbox/users/ada/messages");
+    request.method = "POST";
+    request.body = platform::toJSON(message);
+    const auto answer = platform::URLSession::shared().dataSync(request);
+    EXPECT_EQ(answer.response.statusCode, 200) << answer.data;
+    return std::string(platform::parseJSON(answer.data).at("messageId").as_string());
+  }
+
+  // The ids of one page of `inbox list` (with `args`), and its cursor when there is more.
+  std::pair<std::vector<std::string>, std::optional<std::string>> page(
+      std::vector<std::string> args) {
+    args.insert(args.begin(), {"--json", "inbox", "list"});
+    const auto f = herald(args);
+    EXPECT_EQ(f.exitCode, 0) << f.err;
+    const auto set = platform::parseJSON(f.out);
+    std::vector<std::string> ids;
+    for (const auto& message : set.at("messages").as_array())
+      ids.emplace_back(message.at("messageId").as_string());
+    std::optional<std::string> cursor;
+    if (set.at("canPaginate").as_bool()) cursor = set.at("paginationCursor").as_string();
+    return {ids, cursor};
+  }
+
+  long long unread() {
+    const auto f = herald({"--json", "inbox", "count"});
+    EXPECT_EQ(f.exitCode, 0) << f.err;
+    return platform::parseJSON(f.out).at("unreadCount").as_int64();
+  }
+};
+
+TEST_F(HeraldInbox, ChangesMadeByTheCommandsShowInTheService) {
+  // The page asks for the preview, not the body.
+  const auto first = addMessage({{"title", "Welcome"}, {"preview", "Your first steps"},
+                                 {"body", "The whole text"}});
+  const auto second = addMessage({{"title", "Line\nbreak"}, {"preview", "Short"}});
+  const auto third = addMessage({{"preview", "No title"}});
+  EXPECT_EQ(unread(), 3);
+
+  // Newest first; a title holding a line break stays on its line.
+  auto f = herald({"inbox", "list"});
+  ASSERT_EQ(f.exitCode, 0) << f.err;
+  EXPECT_EQ(lines(f.out).size(), 7u) << f.out;
+  EXPECT_NE(f.out.find("(no title)  [" + third + "]\n        No title\n"), std::string::npos);
+  EXPECT_NE(f.out.find("Line break  [" + second + "]\n        Short\n"), std::string::npos);
+  EXPECT_NE(f.out.find("Welcome  [" + first + "]\n        Your first steps\n"),
+            std::string::npos);
+  EXPECT_EQ(lines(f.out).back(), "3 of 3 messages");
+  EXPECT_EQ(page({}).first, (std::vector<std::string>{third, second, first}));
+
+  f = herald({"--json", "inbox", "read", first});
+  ASSERT_EQ(f.exitCode, 0) << f.err;
+  EXPECT_EQ(platform::parseJSON(f.out),
+            json::parse(R"({"event": "read", "messageId": ")" + first + "\"}"));
+  EXPECT_EQ(unread(), 2);
+  // The star marks the unread ones only.
+  const auto marks = [&] {
+    std::string result;
+    for (const auto& line : lines(herald({"inbox", "list"}).out))
+      if (line.find("  [") != std::string::npos) result += line.front();
+    return result;
+  };
+  EXPECT_EQ(marks(), "** ");
+  EXPECT_EQ(herald({"inbox", "unread", first}).out, "marked " + first + " as unread\n");
+  EXPECT_EQ(unread(), 3);
+  EXPECT_EQ(marks(), "***");
+
+  // Opened and clicked show on the message itself.
+  ASSERT_EQ(herald({"inbox", "open", second}).exitCode, 0);
+  f = herald({"--json", "inbox", "click", second, "t-1"});
+  ASSERT_EQ(f.exitCode, 0) << f.err;
+  EXPECT_EQ(platform::parseJSON(f.out).at("trackingId"), "t-1");
+  f = herald({"--json", "inbox", "get", second});
+  ASSERT_EQ(f.exitCode, 0) << f.err;
+  const auto message = platform::parseJSON(f.out).at("message");
+  EXPECT_EQ(message.at("messageId").as_string(), second);
+  EXPECT_TRUE(message.as_object().contains("opened")) << f.out;
+  EXPECT_NE(herald({"inbox", "get", second}).out.find("\n  opened: "), std::string::npos);
+
+  // Archived messages leave the feed for the archive.
+  ASSERT_EQ(herald({"inbox", "archive", third}).exitCode, 0);
+  EXPECT_EQ(page({}).first, (std::vector<std::string>{second, first}));
+  EXPECT_EQ(page({"--archived"}).first, (std::vector<std::string>{third}));
+
+  EXPECT_EQ(herald({"inbox", "read-all"}).out, "marked every message as read\n");
+  EXPECT_EQ(unread(), 0);
+  EXPECT_EQ(herald({"inbox", "count"}).out, "0 unread\n");
+}
+
+TEST_F(HeraldInbox, PagesFollowOneAnotherWithTheirCursor) {
+  std::vector<std::string> added;
+  for (int i = 0; i < 5; ++i) added.insert(added.begin(), addMessage({{"title", "m"}}));
+
+  std::vector<std::string> seen;
+  std::vector<std::string> args{"--limit", "2"};
+  for (int pages = 0; pages < 5; ++pages) {
+    const auto [ids, cursor] = page(args);
+    EXPECT_LE(ids.size(), 2u);
+    seen.insert(seen.end(), ids.begin(), ids.end());
+    if (!cursor) break;
+    args = {"--limit", "2", "--after", *cursor};
+  }
+  EXPECT_EQ(seen, added);
+
+  // The text says how to get the next page; without --limit a page holds 32.
+  const auto f = herald({"inbox", "list", "--limit", "4"});
+  EXPECT_NE(lines(f.out).back().find("4 of 5 messages; more with --after "), std::string::npos)
+      << f.out;
+  EXPECT_EQ(page({}).first.size(), 5u);
+}
+
+TEST_F(HeraldInbox, BadValuesExitWith2AndNobodySignedInWith1) {
+  const auto id = addMessage({{"title", "m"}});
+  ASSERT_EQ(send("/_sandbox/requests", "DELETE").response.statusCode, 200);
+  struct Case {
+    std::vector<std::string> args;
+    std::string expected;
+  } cases[] = {
+      {{"inbox", "list", "--limit", "0"}, "1 to 100"},
+      {{"inbox", "list", "--limit", "101"}, "1 to 100"},
+      {{"inbox", "list", "--limit", "ten"}, "'ten'"},
+      {{"inbox", "list", "--after", "a\"b"}, "quotes"},
+      {{"inbox", "read", "x\") { evil }"}, "quotes"},
+      {{"inbox", "get", "a\\b"}, "backslashes"},
+      {{"inbox", "click", id}, "TRACKING_ID"},
+      {{"inbox", "archive"}, "ID"},
+      {{"inbox"}, "list, count"},
+  };
+  for (const auto& c : cases) {
+    const auto f = herald(c.args);
+    EXPECT_EQ(f.exitCode, 2) << c.expected;
+    ASSERT_EQ(lines(f.err).size(), 1u) << f.err;
+    EXPECT_NE(f.err.find(c.expected), std::string::npos) << f.err;
+  }
+  EXPECT_TRUE(tokenRequests().empty());
+  EXPECT_EQ(unread(), 1);
+
+  // An id the service does not know.
+  auto f = herald({"inbox", "get", "nope"});
+  EXPECT_EQ(f.exitCode, 1);
+  EXPECT_NE(f.err.find("no message nope"), std::string::npos) << f.err;
+
+  ASSERT_EQ(herald({"signout"}).exitCode, 0);
+  f = herald({"--json", "inbox", "count"});
+  EXPECT_EQ(f.exitCode, 1);
+  EXPECT_EQ(f.out, "");
+  EXPECT_EQ(platform::parseJSON(f.err).at("error").at("message"), "No user signed in");
+}
+
+}  // namespace
