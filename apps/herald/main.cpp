@@ -1,6 +1,6 @@
 // herald: the command a person uses to drive the Herald client: sign a user in and out, see
-// who is signed in, give the device's push tokens to the service, and read the inbox. A thin layer over the
-// client library, which never prints: the command does, as text or as JSON lines.
+// who is signed in, give the device's push tokens to the service, and read the inbox. A thin
+// layer over the client library, which never prints: the command does, as text or JSON lines.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
