@@ -14,6 +14,18 @@
 namespace core {
 namespace {
 
+// ICU's parser divides by zero on a number of 35 digits or more (a fraction of a second, at
+// least). No date of any pattern holds a run of more than 20 digits, so a text that does is
+// no date, whatever sent it.
+bool hasEndlessNumber(std::string_view text) {
+  std::size_t run = 0;
+  for (char c : text) {
+    run = c >= '0' && c <= '9' ? run + 1 : 0;
+    if (run > 20) return true;
+  }
+  return false;
+}
+
 icu::UnicodeString unicode(std::string_view text) {
   return icu::UnicodeString::fromUTF8(
       icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
@@ -143,6 +155,7 @@ std::string DateFormatter::string(Date date) const {
 }
 
 std::optional<Date> DateFormatter::date(std::string_view text) const {
+  if (hasEndlessNumber(text)) return std::nullopt;
   auto input = unicode(text);
   icu::ParsePosition position(0);
   std::lock_guard lock(impl_->mutex);

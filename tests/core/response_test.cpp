@@ -115,6 +115,21 @@ TEST(DatesTest, ServerDatesParseInBothShapesAndFormatWithMilliseconds) {
   EXPECT_EQ(server.date("2026-11-22T11:00:00.007+01:00"), kNovember22 + 7ms);
 }
 
+TEST(DatesTest, AServiceTextWithAnEndlessNumberIsNoDate) {
+  // ICU's parser divides by zero on a fraction of 35 digits or more; such a text comes from
+  // the service as it is (a message's "created").
+  const std::string endless(40, '7');
+  auto server = core::DateFormatter::server();
+  core::ISO8601DateServerFormatter iso;
+  for (const auto& text :
+       {"2025-12-31T23:59:59." + endless + "Z", "2025-12-31T23:59:59.999+" + endless + ":00",
+        endless + "-12-31T23:59:59Z"}) {
+    EXPECT_FALSE(server.date(text)) << text;
+    EXPECT_FALSE(iso.date(text)) << text;
+  }
+  EXPECT_EQ(server.date("2026-11-22T10:00:00.007000Z"), kNovember22 + 7ms);
+}
+
 TEST(DatesTest, Presets) {
   EXPECT_EQ(core::DateFormatter("yyyyMMdd_HHmmss", "UTC").string(kNovember22 + 59s),
             "20261122_100059");
