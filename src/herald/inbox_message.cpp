@@ -224,8 +224,13 @@ std::string InboxMessage::time(Date now) const {
   if (!created) return "now";
   const auto when = displayPatternFormatter().date(*created);
   if (!when) return "now";
-  // duration_cast truncates toward zero, so a time in the future gives a negative count.
-  const std::int64_t s = std::chrono::duration_cast<std::chrono::seconds>(now - *when).count();
+  // In microseconds, not the clock's nanoseconds: a difference of over 292 years (a date the
+  // service may well send) would overflow those. Integer division truncates toward zero, so
+  // a time in the future gives a negative count.
+  const auto micros = [](Date date) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(date.time_since_epoch()).count();
+  };
+  const std::int64_t s = (micros(now) - micros(*when)) / 1'000'000;
   constexpr std::int64_t minute = 60, hour = 3'600, day = 86'400, week = 604'800;
   constexpr std::int64_t year = 29'030'400;  // 48 weeks, as the service's clients count
   if (s < minute) return std::to_string(s) + "s";

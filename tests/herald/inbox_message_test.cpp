@@ -72,6 +72,9 @@ TEST(InboxMessageModel, TimeCountsWholeSecondsWithAYearOfFortyEightWeeks) {
 
   // The offset in the text counts, whatever the process's zone.
   EXPECT_EQ(createdAt("2026-01-10T14:00:00.000+02:00")->time(kCreated + 120s), "2m");
+
+  // More than the clock's 292 years of nanoseconds ago.
+  EXPECT_EQ(createdAt("1721-12-31T23:59:59.999+01:00")->time(kCreated), "330y");
 }
 
 TEST(InboxMessageModel, OnlyTheFixedShapeHasADisplayTimeWhileCreatedAtIsLenient) {
