@@ -165,8 +165,7 @@ awaitable<int> keepAndRegister(const std::string& providerKey, const std::string
 awaitable<int> signIn(SignInRequest request, Context& context) {
   // Kept first: the device has these tokens whatever the service says about them.
   const auto keep = [&] {
-    if (request.apnsToken) context.device.setAPNSToken(*request.apnsToken);
-    for (const auto& [key, token] : request.tokens) context.device.setToken(key, token);
+    context.device.keep(request.apnsToken, request.tokens);
   };
   if (int status = keepOnDevice(keep, context)) co_return status;
   co_await context.device.seed(herald::Herald::shared());

@@ -55,22 +55,15 @@ std::optional<std::string> DeviceTokens::apnsToken() const {
   return bytesFromHex(*hex);
 }
 
-void DeviceTokens::setToken(const std::string& providerKey, const std::string& token) {
+void DeviceTokens::keep(const std::optional<std::string>& rawAPNSToken, const Tokens& tokens) {
   store_.update([&](boost::json::object& root) {
-    auto* tokens = root.if_contains(kTokensKey);
-    if (!tokens || !tokens->is_object()) tokens = &(root[kTokensKey] = boost::json::object());
-    tokens->as_object()[providerKey] = token;
-    return true;
-  });
-}
-
-void DeviceTokens::setAPNSToken(const std::string& rawToken) {
-  const auto hex = herald::hexString(rawToken);
-  store_.update([&](boost::json::object& root) {
-    root[kAPNSKey] = hex;
-    auto* tokens = root.if_contains(kTokensKey);
-    if (!tokens || !tokens->is_object()) tokens = &(root[kTokensKey] = boost::json::object());
-    tokens->as_object()[toString(herald::HeraldPushProvider::apn)] = hex;
+    std::optional<std::string> hex;
+    // Written before `kept` is taken: a new key in `root` may move its members.
+    if (rawAPNSToken) root[kAPNSKey] = *(hex = herald::hexString(*rawAPNSToken));
+    auto* kept = root.if_contains(kTokensKey);
+    if (!kept || !kept->is_object()) kept = &(root[kTokensKey] = boost::json::object());
+    if (hex) kept->as_object()[toString(herald::HeraldPushProvider::apn)] = *hex;
+    for (const auto& [key, token] : tokens) kept->as_object()[key] = token;
     return true;
   });
 }

@@ -36,11 +36,13 @@ class DeviceTokens {
   /// The platform's raw token (bytes).
   std::optional<std::string> apnsToken() const;
 
-  /// Keeps `token` for `providerKey`. Throws `platform::Error` when the file cannot be
-  /// written.
-  void setToken(const std::string& providerKey, const std::string& token);
-  /// Keeps the raw token and its hex form as the "apn" token.
-  void setAPNSToken(const std::string& rawToken);
+  /// Keeps the raw token (and its hex form as the "apn" token) and each (provider key,
+  /// token), in one change of the file. Throws `platform::Error` when it cannot be written.
+  void keep(const std::optional<std::string>& rawAPNSToken, const Tokens& tokens);
+  void setToken(const std::string& providerKey, const std::string& token) {
+    keep(std::nullopt, {{providerKey, token}});
+  }
+  void setAPNSToken(const std::string& rawToken) { keep(rawToken, {}); }
 
   /// Hands the kept tokens to the facade's cache. Call it while the facade has no client:
   /// then nothing is sent, and the next sign-in registers them all.
