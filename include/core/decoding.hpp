@@ -91,7 +91,7 @@ class KeyedDecoder {
       throw DecodingError(DecodingError::Kind::valueNotFound, appendCodingKey(path_, key),
                           "expected " + std::string(Decodable<T>::expected) + ", found null");
     }
-    return Decodable<T>::decode(*entry, appendCodingKey(path_, key));
+    return decodeEntry<T>(*entry, key);
   }
 
   /// An optional field: absent and null give none; a wrong type throws.
@@ -99,10 +99,20 @@ class KeyedDecoder {
   std::optional<T> decodeIfPresent(std::string_view key) const {
     const auto* entry = find(key);
     if (entry == nullptr) return std::nullopt;
-    return Decodable<T>::decode(*entry, appendCodingKey(path_, key));
+    return decodeEntry<T>(*entry, key);
   }
 
  private:
+  // A scalar of the right type is taken as it is; the key path, which costs an allocation,
+  // is made only for a value that goes on to a decoder of its own or fails.
+  template <class T>
+  T decodeEntry(const boost::json::value& entry, std::string_view key) const {
+    if constexpr (requires { Decodable<T>::tryDecode(entry); }) {
+      if (auto value = Decodable<T>::tryDecode(entry)) return std::move(*value);
+    }
+    return Decodable<T>::decode(entry, appendCodingKey(path_, key));
+  }
+
   const boost::json::object* object_;
   std::string path_;
 };
@@ -115,15 +125,25 @@ struct Decodable {
   }
 };
 
+// The scalars also offer `tryDecode`: the value when it has the right type, else none.
 template <>
 struct Decodable<std::string> {
   static constexpr std::string_view expected = "a string";
+  static std::optional<std::string> tryDecode(const boost::json::value& value) {
+    const auto* s = value.if_string();
+    if (s == nullptr) return std::nullopt;
+    return std::string(s->data(), s->size());
+  }
   static std::string decode(const boost::json::value& value, std::string_view path);
 };
 
 template <>
 struct Decodable<bool> {
   static constexpr std::string_view expected = "a boolean";
+  static std::optional<bool> tryDecode(const boost::json::value& value) {
+    const auto* b = value.if_bool();
+    return b ? std::optional<bool>(*b) : std::nullopt;
+  }
   static bool decode(const boost::json::value& value, std::string_view path);
 };
 
@@ -165,6 +185,12 @@ struct Decodable<std::vector<T>> {
     // A null element reaches the element's decoder, which refuses it (or, for a failable
     // element, keeps the failure).
     for (std::size_t i = 0; i < array->size(); ++i) {
+      if constexpr (requires { Decodable<T>::tryDecode((*array)[i]); }) {
+        if (auto element = Decodable<T>::tryDecode((*array)[i])) {
+          out.push_back(std::move(*element));
+          continue;
+        }
+      }
       out.push_back(Decodable<T>::decode((*array)[i], appendCodingIndex(path, i)));
     }
     return out;

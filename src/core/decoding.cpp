@@ -51,15 +51,13 @@ const boost::json::value* KeyedDecoder::find(std::string_view key) const noexcep
 }
 
 std::string Decodable<std::string>::decode(const boost::json::value& value, std::string_view path) {
-  const auto* s = value.if_string();
-  if (s == nullptr) mismatch(path, expected, value);
-  return std::string(s->data(), s->size());
+  if (auto s = tryDecode(value)) return std::move(*s);
+  mismatch(path, expected, value);
 }
 
 bool Decodable<bool>::decode(const boost::json::value& value, std::string_view path) {
-  const auto* b = value.if_bool();
-  if (b == nullptr) mismatch(path, expected, value);
-  return *b;
+  if (auto b = tryDecode(value)) return *b;
+  mismatch(path, expected, value);
 }
 
 std::int64_t Decodable<std::int64_t>::decode(const boost::json::value& value,
