@@ -181,36 +181,6 @@ std::string lowercased(std::string_view text) {
   return out;
 }
 
-bool isValidUTF8(std::string_view s) {
-  for (std::size_t i = 0; i < s.size();) {
-    const auto b0 = static_cast<unsigned char>(s[i]);
-    if (b0 < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t need;
-    char32_t min;
-    if ((b0 & 0xE0) == 0xC0) {
-      need = 1;
-      min = 0x80;
-    } else if ((b0 & 0xF0) == 0xE0) {
-      need = 2;
-      min = 0x800;
-    } else if ((b0 & 0xF8) == 0xF0) {
-      need = 3;
-      min = 0x10000;
-    } else {
-      return false;
-    }
-    std::size_t j = i;
-    const char32_t cp = decodeAt(s, j);
-    if (j != i + need + 1 || cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-      return false;
-    i = j;
-  }
-  return true;
-}
-
 StrippedFunction stripFunctionParameters(std::string_view f) {
   constexpr std::string_view kOperator = "operator";
   constexpr std::string_view kAnonymous = "(anonymous namespace)";

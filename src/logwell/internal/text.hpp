@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/text.hpp"
+
 namespace logwell::detail {
 
 /// Number of user-perceived characters, close enough for column alignment: combining marks,
@@ -25,7 +27,7 @@ std::string_view trimWhiteSpaceAndNewlines(std::string_view text);
 /// Lower case, Unicode-aware (ASCII text takes a fast path).
 std::string lowercased(std::string_view text);
 
-bool isValidUTF8(std::string_view text);
+using platform::isValidUTF8;
 
 /// The function text sent with an entry: its base name followed by "()" when it has a
 /// parameter list. Handles C++ signatures as compilers write them ("void ns::A::f(int) const"
