@@ -102,7 +102,17 @@ std::optional<Response> Accounts::authorize(const Request& request, std::string_
 
   const auto bearer = bearerToken(*authorization);
   if (!bearer) return unauthenticated("The Authorization header must be \"Bearer <access token>\"");
-  const std::string token(*bearer);
+  auto user = tokenUser(std::string(*bearer));
+  if (auto* refusal = std::get_if<Response>(&user)) return std::move(*refusal);
+  const auto& subject = std::get<std::string>(user);
+  if (subject != userId)
+    return Response::error(
+        403, "The access token is for user \"" + subject + "\", not for \"" + std::string(userId) + "\"",
+        "authorization_error");
+  return std::nullopt;
+}
+
+std::variant<std::string, Response> Accounts::tokenUser(const std::string& token) const {
   auto jwt = decode(token, keyBytes(secret_), static_cast<int>(secret_.size()));
   if (!jwt) {
     // Read it again without the key only to say what is wrong with it.
@@ -135,12 +145,7 @@ std::optional<Response> Accounts::authorize(const Request& request, std::string_
   const auto* sub = claims->if_contains("sub");
   if (!sub || !sub->is_string())
     return unauthenticated("The access token names no user (it has no \"sub\")");
-  if (sub->as_string() != userId)
-    return Response::error(403,
-                           "The access token is for user \"" + std::string(sub->as_string()) +
-                               "\", not for \"" + std::string(userId) + "\"",
-                           "authorization_error");
-  return std::nullopt;
+  return std::string(sub->as_string());
 }
 
 void Accounts::putToken(const std::string& userId, RegisteredToken token) {

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "http.hpp"
@@ -54,6 +55,15 @@ class Accounts {
   ///     return *refusal;
   std::optional<Response> authorize(const Request& request, std::string_view userId,
                                     ClientKey allowed) const;
+
+  /// The user an access token of this account is for (signed with the secret, HS256, not
+  /// expired), or the 401 "authentication_error" refusal saying what is wrong with it.
+  ///
+  ///   auto user = accounts.tokenUser(jwt);
+  ///   if (auto* refusal = std::get_if<Response>(&user)) return *refusal;
+  std::variant<std::string, Response> tokenUser(const std::string& token) const;
+  /// Whether `key` is the account's client key.
+  bool isClientKey(std::string_view key) const { return key == clientKey_; }
 
   /// Registers `token` for `userId`, replacing the provider and device of the same token.
   /// A token belongs to one user: registering it for another moves it there.

@@ -105,7 +105,20 @@ InboxMessage Inbox::add(
   message.messageId = "i" + std::to_string(message.sequence);
   message.trackingIds = trackingFor(message.messageId);
   messages_.push_back(message);
+  // Told under the lock, so that observers hear of messages in the order of their ids.
+  if (observer_) observer_->messageAdded(message);
   return message;
+}
+
+void Inbox::setObserver(InboxObserver* observer) {
+  std::lock_guard lock(mutex_);
+  observer_ = observer;
+}
+
+void Inbox::announce(const std::string& user, std::string_view event, const InboxMessage* message,
+                     const std::optional<std::string>& source) {
+  std::lock_guard lock(mutex_);
+  if (observer_) observer_->messageEvent(user, event, message, source);
 }
 
 std::vector<InboxMessage> Inbox::messages(std::string_view user) const {

@@ -42,8 +42,29 @@ std::optional<std::int64_t> parseTimestamp(std::string_view text);
 /// The current time as "YYYY-MM-DDTHH:MM:SS.fffZ".
 std::string timestampNow();
 
+/// Hears of the inbox's changes as they happen (the realtime socket's hub).
+class InboxObserver {
+ public:
+  virtual ~InboxObserver() = default;
+  /// `message` was added, with its id and tracking ids.
+  virtual void messageAdded(const InboxMessage& message) = 0;
+  /// A client changed `user`'s inbox: `event` is "click", "read", "unread", "opened",
+  /// "archive" or "mark-all-read"; `message` is the message as changed (none for
+  /// "mark-all-read"); `source` is the client source id the request named, if any.
+  virtual void messageEvent(const std::string& user, std::string_view event,
+                            const InboxMessage* message,
+                            const std::optional<std::string>& source) = 0;
+};
+
 class Inbox {
  public:
+  /// Tells `observer` (none: nobody) of every message added from now on and of the events
+  /// given to announce(). The observer must outlive the inbox's use.
+  void setObserver(InboxObserver* observer);
+  /// Hands a client's change to the observer (see InboxObserver::messageEvent).
+  void announce(const std::string& user, std::string_view event, const InboxMessage* message,
+                const std::optional<std::string>& source);
+
   /// Keeps `message` under the next id. An empty `created` becomes now; `trackingFor(id)`
   /// gives the tracking ids, so that they can name the message.
   InboxMessage add(
@@ -60,6 +81,7 @@ class Inbox {
 
  private:
   mutable std::mutex mutex_;
+  InboxObserver* observer_ = nullptr;
   std::vector<InboxMessage> messages_;
   std::uint64_t lastId_ = 0;
 };

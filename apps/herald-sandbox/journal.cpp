@@ -14,6 +14,11 @@ void Journal::record(const Request& request) {
   entries_.push_back(std::move(entry));
 }
 
+void Journal::record(boost::json::object entry) {
+  std::lock_guard lock(mutex_);
+  entries_.push_back(std::move(entry));
+}
+
 boost::json::array Journal::entries() const {
   std::lock_guard lock(mutex_);
   return entries_;
