@@ -12,22 +12,9 @@ namespace {
 using namespace integration;
 namespace json = boost::json;
 
-struct Answer {
-  long status = 0;
-  std::string body;
-  json::object object() const { return platform::parseJSON(body).as_object(); }
-  std::string message() const { return std::string(object().at("message").as_string()); }
-};
-
-Answer call(const std::string& url, const std::string& method = "GET",
-            std::optional<std::string> body = std::nullopt,
-            const std::vector<std::pair<std::string, std::string>>& headers = {}) {
-  auto request = platform::URLRequest::make(url);
-  request.method = method;
-  request.body = std::move(body);
-  for (const auto& [name, value] : headers) request.addValue(value, name);
-  auto result = platform::URLSession::shared().dataSync(request);
-  return {result.response.statusCode.value_or(0), std::move(result.data)};
+// The "message" of the service's error body.
+std::string message(const Answer& answer) {
+  return std::string(answer.object().at("message").as_string());
 }
 
 std::string tokenFor(const Sandbox& sandbox, const std::string& user, const std::string& query = "",
@@ -93,14 +80,14 @@ TEST(SandboxAccounts, EveryTokenCallNeedsAnAccessTokenOfItsOwnUser) {
       const auto answer = call(ada, method, kDevice, c.headers);
       EXPECT_EQ(answer.status, 401) << c.what << " " << method << ": " << answer.body;
       EXPECT_EQ(answer.object().at("type"), "authentication_error") << c.what;
-      EXPECT_NE(answer.message().find(c.expected), std::string::npos) << c.what << answer.body;
+      EXPECT_NE(message(answer).find(c.expected), std::string::npos) << c.what << answer.body;
     }
   }
 
   const auto bob = call(sandbox.url() + "/users/bob/tokens/0aff", "PUT", kDevice, bearer(jwt));
   EXPECT_EQ(bob.status, 403) << bob.body;
   EXPECT_EQ(bob.object().at("type"), "authorization_error");
-  EXPECT_EQ(bob.message(), "The access token is for user \"ada\", not for \"bob\"");
+  EXPECT_EQ(message(bob), "The access token is for user \"ada\", not for \"bob\"");
 
   // Nothing refused left a trace: ada still has her one token, bob is unknown.
   const auto user = call(sandbox.url() + "/_sandbox/users/ada");
@@ -159,7 +146,7 @@ TEST(SandboxAccounts, RegisteredTokensShowOnTheUserAndEveryCallInTheJournal) {
   for (const auto& c : bad) {
     const auto answer = call(base + "x", "PUT", c.body, auth);
     EXPECT_EQ(answer.status, 400) << c.body;
-    EXPECT_NE(answer.message().find(c.expected), std::string::npos) << c.body << answer.body;
+    EXPECT_NE(message(answer).find(c.expected), std::string::npos) << c.body << answer.body;
   }
   EXPECT_EQ(call(sandbox.url() + "/users/ada/tokens", "PUT", kDevice, auth).status, 404);
 }
@@ -225,7 +212,7 @@ TEST_F(SandboxOutbox, ASendThatCannotReachAnyPhoneSaysWhy) {
   tokenFor(sandbox_, "bob");
   const auto none = call(url("/_sandbox/send"), "POST", R"({"user": "bob"})");
   EXPECT_EQ(none.status, 409);
-  EXPECT_NE(none.message().find("no push token"), std::string::npos) << none.body;
+  EXPECT_NE(message(none).find("no push token"), std::string::npos) << none.body;
   EXPECT_EQ(call(url("/_sandbox/send"), "POST", R"({"user": "zed"})").status, 404);
   for (const std::string body : {R"({"push": {}})", R"({"user": "ada", "push": []})",
                                  R"({"user": "ada", "push": {"aps": "x"}})"})

@@ -14,7 +14,6 @@ namespace {
 
 using namespace integration;
 namespace json = boost::json;
-using Headers = std::vector<std::pair<std::string, std::string>>;
 
 // The inbox client's texts, pieced together as the client does.
 const std::string kPageTail =
@@ -75,26 +74,6 @@ std::string clickMutation(const std::string& id, const std::string& trackingId) 
 }
 
 const std::string kReadAll = "    mutation TrackEvent {\n      markAllRead\n    }";
-
-struct Answer {
-  long status = 0;
-  std::string body;
-  json::object object() const { return platform::parseJSON(body).as_object(); }
-  json::value data() const { return object().at("data"); }
-  std::string firstError() const {
-    return std::string(object().at("errors").at(0).at("message").as_string());
-  }
-};
-
-Answer call(const std::string& url, const std::string& method, std::optional<std::string> body,
-            const Headers& headers = {}) {
-  auto request = platform::URLRequest::make(url);
-  request.method = method;
-  request.body = std::move(body);
-  for (const auto& [name, value] : headers) request.addValue(value, name);
-  auto result = platform::URLSession::shared().dataSync(request);
-  return {result.response.statusCode.value_or(0), std::move(result.data)};
-}
 
 class InboxGraphQL : public ::testing::Test {
  protected:

@@ -189,4 +189,26 @@ std::string rawExchange(int port, const std::string& request, std::chrono::milli
   return received;
 }
 
+boost::json::object Answer::object() const {
+  return platform::parseJSON(body).as_object();
+}
+
+boost::json::value Answer::data() const {
+  return object().at("data");
+}
+
+std::string Answer::firstError() const {
+  return std::string(object().at("errors").at(0).at("message").as_string());
+}
+
+Answer call(const std::string& url, const std::string& method, std::optional<std::string> body,
+            const Headers& headers) {
+  auto request = platform::URLRequest::make(url);
+  request.method = method;
+  request.body = std::move(body);
+  for (const auto& [name, value] : headers) request.addValue(value, name);
+  auto result = platform::URLSession::shared().dataSync(request);
+  return {result.response.statusCode.value_or(0), std::move(result.data)};
+}
+
 }  // namespace integration

@@ -5,8 +5,11 @@
 #include <sys/types.h>
 
 #include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
 #include <chrono>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace integration {
@@ -48,6 +51,24 @@ class Sandbox {
   pid_t pid_ = -1;
   std::string url_;
 };
+
+/// An HTTP answer: status and body.
+struct Answer {
+  long status = 0;
+  std::string body;
+  /// The body as a JSON object (throws when it is not one).
+  boost::json::object object() const;
+  /// A GraphQL answer's "data", and the message of its first error.
+  boost::json::value data() const;
+  std::string firstError() const;
+};
+
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+/// One request through the client's URL loading; throws `platform::Error` when no answer
+/// comes.
+Answer call(const std::string& url, const std::string& method = "GET",
+            std::optional<std::string> body = std::nullopt, const Headers& headers = {});
 
 /// Sends `request` as written to 127.0.0.1:port and returns every byte received until the
 /// server closes the connection (bounded by `limit`).
