@@ -173,9 +173,15 @@ struct FieldGroup {
 
 class Execution {
  public:
-  Execution(Inbox& inbox, std::string user, const graphql::Document& document,
-            const graphql::Operation& operation, const json::object& variables)
-      : inbox_(inbox), user_(std::move(user)), document_(document), operation_(operation) {
+  /// `source` is the request's client source id, told with every change made.
+  Execution(Inbox& inbox, std::string user, std::optional<std::string> source,
+            const graphql::Document& document, const graphql::Operation& operation,
+            const json::object& variables)
+      : inbox_(inbox),
+        user_(std::move(user)),
+        source_(std::move(source)),
+        document_(document),
+        operation_(operation) {
     for (const auto& definition : operation.variables) {
       definitions_[definition.name] = &definition;
       json::value value = nullptr;
@@ -649,6 +655,7 @@ class Execution {
       inbox_.changeAll(user_, [&](InboxMessage& m) {
         if (!m.read) m.read = now;
       });
+      inbox_.announce(user_, "mark-all-read", nullptr, source_);
       return true;
     }
     const std::string id(arguments.at("messageId").as_string());
@@ -678,11 +685,16 @@ class Execution {
            group.field->location, json::array{json::string(group.key)});
       return nullptr;
     }
+    // Every mutation that answers true is an event for the user's other connections, also
+    // when the message was already so: they hear what clients ask, as the service tells them.
+    inbox_.announce(user_, name == "clicked" ? std::string_view("click") : std::string_view(name),
+                    &*changed, source_);
     return true;
   }
 
   Inbox& inbox_;
   std::string user_;
+  std::optional<std::string> source_;
   const graphql::Document& document_;
   const graphql::Operation& operation_;
   std::map<std::string, const graphql::VariableDefinition*> definitions_;
@@ -753,7 +765,8 @@ Response graphQL(Accounts& accounts, Inbox& inbox, const Request& request) {
         "Subscriptions are not served here: new messages come over the realtime socket.",
         operation->location)});
 
-  Execution execution(inbox, *user, document, *operation, *variables);
+  Execution execution(inbox, *user, request.header("x-herald-client-source-id"), document,
+                      *operation, *variables);
   auto errors = execution.validate();
   if (!errors.empty()) return requestErrors(std::move(errors));
   return Response::json(200, execution.run());

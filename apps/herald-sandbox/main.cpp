@@ -18,6 +18,7 @@
 #include "journal.hpp"
 #include "outbox.hpp"
 #include "platform/version.hpp"
+#include "realtime.hpp"
 #include "router.hpp"
 #include "routes.hpp"
 #include "server.hpp"
@@ -31,9 +32,9 @@ constexpr const char* kDefaultClientKey = "sandbox-client-key";
 
 constexpr const char* kDescription =
     R"(A local stand-in for the hosted Herald service, on 127.0.0.1 only. Prints its base URL
-("http://127.0.0.1:PORT") as the first line of standard output and serves until SIGINT or
-SIGTERM. State (users, push tokens, the outbox, the inboxes) lives in memory and ends with
-the process.
+("http://127.0.0.1:PORT", or https with TLS) as the first line of standard output and serves
+until SIGINT or SIGTERM. State (users, push tokens, the outbox, the inboxes, the realtime
+connections) lives in memory and ends with the process.
 )";
 
 constexpr const char* kFooter = R"(Endpoints:
@@ -85,8 +86,39 @@ constexpr const char* kFooter = R"(Endpoints:
   DELETE /_sandbox/outbox         empties the outbox
   GET    /_sandbox/bytes/<N>.<ext> N made-up bytes typed by <ext>; images, video and audio
                                   start with a valid header, so attachment checks accept them
+  GET    /realtime/?auth=JWT      the realtime socket (WebSocket; also /realtime, and
+         /realtime/?clientKey=KEY ?clientKey=): an access token of this account or its client
+                                  key, else 401 and no upgrade. Text frames in: {"action":
+                                  "subscribe", "data": {"channel": USER, "userAgent",
+                                  "event", "version", "clientKey"?, "clientSourceId"?,
+                                  "accountId"?}} (with a token, only its own user) and
+                                  {"action": "keepAlive"} (no answer); a binary frame is
+                                  closed with 1003, anything else with 1008 and the reason.
+                                  Out: {"type": "message", ...the message's fields} for each
+                                  new inbox message of the user (of its accountId only, when
+                                  one was named), and {"type": "event", "event": "read" |
+                                  "unread" | "opened" | "click" | "archive" | "mark-all-read",
+                                  "messageId"} for each /inbox/q mutation that answers true,
+                                  to the user's connections whose clientSourceId is not the
+                                  request's "x-herald-client-source-id"
+  POST   /_sandbox/realtime/<id>  trouble for the user's subscribed connections, one of
+                                  {"close": {"code": 4000, "reason": "..."}}, {"reset": true}
+                                  (TCP reset), {"text": "..."}, {"frame": JSON}, {"binary":
+                                  "00ff"} (hex), {"size": BYTES} (one message frame of that
+                                  many bytes), {"stall": true} (no reading, no pong, no
+                                  frame until the client gives up); "repeat": N sends N
+                                  copies of a text, frame or binary. 200 {"connections": N};
+                                  404 when none is subscribed
+  GET    /_sandbox/realtime       the open connections: {"connections": [{"connection", "user",
+                                  "tokenUser", "clientSourceId", "accountId", "userAgent",
+                                  "version", "subscribed", "framesIn", "framesOut",
+                                  "keepAlives", "stalled"}, ...]}
   GET    /_sandbox/requests       the journal: every request received outside /_sandbox/, as
-                                  [{"method", "path", "headers": [[name, value], ...], "body"}]
+                                  [{"method", "path", "headers": [[name, value], ...], "body"}],
+                                  and every frame of the realtime socket, as {"method":
+                                  "FRAME", "path", "connection", "direction": "received" |
+                                  "sent", "kind": "text" | "binary" (hex) | "close" (with
+                                  "code") | "ping" | "pong", "body"}
   DELETE /_sandbox/requests       empties the journal
 Errors are JSON {"message": "...", "type": "..."}: 404 for an unknown path, 405 for a wrong
 method.
@@ -96,17 +128,22 @@ an HS256 token signed with the --jwt-secret whose "sub" is the user in the path 
 not expired ("exp"). Without one, or with a malformed, badly signed or expired one, the answer
 is 401 "authentication_error"; a valid token of another user gets 403 "authorization_error".
 A client key ("x-herald-client-key") stands in for a token only where the client sends one
-(GraphQL calls without a token: /inbox/q), never on REST routes. /track/, /files/ and
-/_sandbox/ need no credentials.
+(GraphQL calls without a token: /inbox/q; the realtime socket's ?clientKey=), never on REST
+routes. /track/, /files/ and /_sandbox/ need no credentials.
 
-Trouble on request (query parameters, on any path, in any combination):
+TLS: with --tls-cert and --tls-key every route is HTTPS and the socket WSS, and the URL
+printed is "https://127.0.0.1:PORT"; a plain HTTP request gets 400 naming that URL.
+
+Trouble on request (query parameters, on any path but the socket's upgrade, in any
+combination):
   delay=SECONDS     wait before answering
   stall=SECONDS     send the status line and headers, then wait before the body
   status=CODE       answer with this status (200 to 599) instead of the route's
   truncate=BYTES    announce the whole Content-Length, send only BYTES of the body, close
   e.g. /track/m1?delay=5   /files/photo.jpg?truncate=100   /_sandbox/bytes/64.png?status=503
 
-Exit status: 0 after SIGINT or SIGTERM, 1 when the port cannot be bound, 2 for bad options.)";
+Exit status: 0 after SIGINT or SIGTERM, 1 when the port cannot be bound, 2 for bad options
+(including a certificate or key that cannot be read or do not belong together).)";
 
 // Usage line first, then what the program is, then the options, as a manual page reads.
 class HelpFormatter : public CLI::Formatter {
@@ -115,7 +152,8 @@ class HelpFormatter : public CLI::Formatter {
   std::string make_description(const CLI::App*) const override { return {}; }
   std::string make_usage(const CLI::App* app, std::string) const override {
     return std::string("Usage: ") + kName +
-           " [--port N] [--files DIR] [--jwt-secret SECRET] [--client-key KEY] [--verbose]\n\n" +
+           " [--port N] [--files DIR] [--jwt-secret SECRET] [--client-key KEY]\n"
+           "       [--tls-cert FILE --tls-key FILE] [--verbose]\n\n" +
            app->get_description();
   }
 };
@@ -218,6 +256,11 @@ int main(int argc, char** argv) {
          std::string("the account's public client key (default \"") + kDefaultClientKey + "\")")
       ->type_name("KEY")
       ->check(printableText());
+  app.add_option("--tls-cert", options.server.tlsCertificate,
+                 "serve HTTPS and WSS with this certificate chain (PEM; with --tls-key)")
+      ->type_name("FILE");
+  app.add_option("--tls-key", options.server.tlsKey, "the private key of --tls-cert (PEM)")
+      ->type_name("FILE");
   app.add_flag("--verbose", options.server.verbose, "one line on standard error for every request")
       ->disable_flag_override();
   try {
@@ -230,6 +273,10 @@ int main(int argc, char** argv) {
     std::cerr << kName << ": " << describe(e, app) << "\n";
     return 2;
   }
+  if (options.server.tlsCertificate.has_value() != options.server.tlsKey.has_value()) {
+    std::cerr << kName << ": --tls-cert and --tls-key go together\n";
+    return 2;
+  }
 
   try {
     sandbox::Accounts accounts(options.jwtSecret ? *options.jwtSecret : randomSecret(),
@@ -237,6 +284,9 @@ int main(int argc, char** argv) {
     sandbox::Outbox outbox;
     sandbox::Inbox inbox;
     sandbox::Journal journal;
+    sandbox::Realtime realtime(accounts, journal);
+    inbox.setObserver(&realtime);
+    options.server.realtime = &realtime;
     sandbox::Router router;
     sandbox::addTrackingRoutes(router, outbox);
     sandbox::addUserRoutes(router, accounts);
@@ -244,9 +294,13 @@ int main(int argc, char** argv) {
     sandbox::addOutboxRoutes(router, accounts, outbox, inbox);
     sandbox::addInboxRoutes(router, accounts, inbox);
     sandbox::addSandboxRoutes(router, journal);
+    sandbox::addRealtimeRoutes(router, realtime);
     sandbox::Server server(router, journal, options.server);
     std::cout << server.baseURL() << std::endl;
     server.run();
+  } catch (const sandbox::TLSSetupError& e) {
+    std::cerr << kName << ": " << e.what() << "\n";
+    return 2;
   } catch (const std::exception& e) {
     std::cerr << kName << ": " << e.what() << "\n";
     return 1;

@@ -9,6 +9,7 @@
 #include "inbox.hpp"
 #include "journal.hpp"
 #include "outbox.hpp"
+#include "realtime.hpp"
 #include "router.hpp"
 
 namespace sandbox {
@@ -49,5 +50,9 @@ void addFileRoutes(Router& router, std::optional<std::filesystem::path> root);
 /// The sandbox's own routes: GET and DELETE /_sandbox/requests (the journal) and
 /// GET /_sandbox/bytes/<N>.<ext> (made-up media of N bytes).
 void addSandboxRoutes(Router& router, Journal& journal);
+
+/// The realtime socket's own routes: POST /_sandbox/realtime/<user> (trouble for the
+/// connections subscribed to the user) and GET /_sandbox/realtime (the open connections).
+void addRealtimeRoutes(Router& router, Realtime& realtime);
 
 }  // namespace sandbox

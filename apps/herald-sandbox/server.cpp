@@ -8,28 +8,39 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/write.hpp>
+#include <boost/beast/core/detect_ssl.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
+#include <cstring>
+#include <fstream>
 #include <iostream>
 #include <stdexcept>
 
+#include "realtime.hpp"
+#include "realtime_server.hpp"
 #include "trouble.hpp"
 
 namespace sandbox {
 namespace {
 
 namespace net = boost::asio;
-namespace http = boost::beast::http;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace ssl = net::ssl;
 using tcp = net::ip::tcp;
 constexpr auto tuple_awaitable = net::as_tuple(net::use_awaitable);
 
 // An idle keep-alive connection is closed after this long.
 constexpr auto kReadTimeout = std::chrono::seconds(120);
+// A TLS client has this long to say hello and finish the handshake.
+constexpr auto kHandshakeTimeout = std::chrono::seconds(30);
 constexpr std::size_t kMaxRequestBody = 64u * 1024 * 1024;
 
 bool bodyless(int status) {
@@ -50,6 +61,41 @@ net::awaitable<void> pause(std::chrono::milliseconds duration) {
   co_await timer.async_wait(tuple_awaitable);
 }
 
+// Why `path` cannot be read, or nothing when it can.
+std::optional<std::string> unreadable(const std::filesystem::path& path) {
+  std::ifstream file(path);
+  if (file) return std::nullopt;
+  return std::strerror(errno);
+}
+
+// A server context with the certificate chain and its key, or TLSSetupError saying which
+// file is wrong and how.
+ssl::context tlsContext(const std::filesystem::path& certificate, const std::filesystem::path& key) {
+  for (const auto& [option, path] : {std::pair{"--tls-cert", &certificate}, {"--tls-key", &key}})
+    if (const auto why = unreadable(*path))
+      throw TLSSetupError("cannot read " + std::string(option) + " " + path->string() + ": " + *why);
+  ssl::context context(ssl::context::tls_server);
+  context.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
+                      ssl::context::no_sslv3 | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1);
+  boost::system::error_code ec;
+  context.use_certificate_chain_file(certificate.string(), ec);
+  if (ec)
+    throw TLSSetupError("--tls-cert " + certificate.string() +
+                        " holds no certificate in PEM form (" + ec.message() + ")");
+  // The key alone first, so that a file that holds none is told apart from a key of another
+  // certificate.
+  ssl::context alone(ssl::context::tls_server);
+  alone.use_private_key_file(key.string(), ssl::context::pem, ec);
+  if (ec)
+    throw TLSSetupError("--tls-key " + key.string() + " holds no private key in PEM form (" +
+                        ec.message() + ")");
+  context.use_private_key_file(key.string(), ssl::context::pem, ec);
+  if (ec)
+    throw TLSSetupError("--tls-key " + key.string() + " is not the key of the certificate in " +
+                        certificate.string());
+  return context;
+}
+
 }  // namespace
 
 struct Server::Impl {
@@ -61,8 +107,13 @@ struct Server::Impl {
   // Taken over at construction, before the caller prints the URL: a SIGTERM sent as soon as
   // the URL is read must find the handler in place (asio keeps it until run() waits).
   net::signal_set signals{io, SIGINT, SIGTERM};
+  std::optional<ssl::context> tls;
 
-  Impl(const Router& r, Journal& j, ServerOptions o) : router(r), journal(j), options(o) {}
+  Impl(const Router& r, Journal& j, ServerOptions o) : router(r), journal(j), options(o) {
+    if (options.tlsCertificate.has_value() != options.tlsKey.has_value())
+      throw std::invalid_argument("--tls-cert and --tls-key go together");
+    if (options.tlsCertificate) tls.emplace(tlsContext(*options.tlsCertificate, *options.tlsKey));
+  }
 
   net::awaitable<void> accept() {
     for (;;) {
@@ -71,7 +122,7 @@ struct Server::Impl {
         if (ec == net::error::operation_aborted) co_return;
         continue;
       }
-      net::co_spawn(io, session(std::move(socket)), [this](std::exception_ptr error) {
+      net::co_spawn(io, connection(std::move(socket)), [this](std::exception_ptr error) {
         if (!error || !options.verbose) return;
         try {
           std::rethrow_exception(error);
@@ -82,9 +133,39 @@ struct Server::Impl {
     }
   }
 
+  net::awaitable<void> connection(tcp::socket socket) {
+    beast::tcp_stream stream(std::move(socket));
+    beast::flat_buffer buffer;
+    if (!tls) {
+      co_await session(std::move(stream), std::move(buffer));
+      co_return;
+    }
+    stream.expires_after(kHandshakeTimeout);
+    auto [ec, isTLS] = co_await beast::async_detect_ssl(stream, buffer, tuple_awaitable);
+    if (ec) co_return;
+    if (!isTLS) {
+      // Plain HTTP to a TLS server: one clear answer instead of a handshake failure.
+      const auto port = std::to_string(acceptor.local_endpoint().port());
+      co_await write(stream,
+                     Response::error(400, "this service speaks HTTPS only: use https://127.0.0.1:" +
+                                              port),
+                     {}, false, false);
+      boost::system::error_code ignored;
+      stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+      co_return;
+    }
+    beast::ssl_stream<beast::tcp_stream> secure(std::move(stream), *tls);
+    auto [handshakeError, used] = co_await secure.async_handshake(
+        ssl::stream_base::server, buffer.data(), tuple_awaitable);
+    if (handshakeError) co_return;
+    buffer.consume(used);
+    co_await session(std::move(secure), std::move(buffer));
+  }
+
   // Returns false when the connection must close (a cut-short answer).
-  net::awaitable<bool> write(boost::beast::tcp_stream& stream, const Response& response,
-                             const Trouble& trouble, bool keepAlive, bool head) {
+  template <class Stream>
+  net::awaitable<bool> write(Stream& stream, const Response& response, const Trouble& trouble,
+                             bool keepAlive, bool head) {
     std::string header = statusLine(response.status);
     for (const auto& [name, value] : response.headers) header += name + ": " + value + "\r\n";
     const bool noBody = bodyless(response.status);
@@ -94,26 +175,25 @@ struct Server::Impl {
     if (!keepAlive || cut) header += "Connection: close\r\n";
     header += "\r\n";
 
-    auto [ec, n] = co_await net::async_write(stream.socket(), net::buffer(header), tuple_awaitable);
+    auto [ec, n] = co_await net::async_write(stream, net::buffer(header), tuple_awaitable);
     if (ec) co_return false;
     if (noBody || head) co_return true;
     co_await pause(trouble.stall);
     const auto length = cut ? *trouble.truncate : response.body.size();
     std::tie(ec, n) = co_await net::async_write(
-        stream.socket(), net::buffer(response.body.data(), length), tuple_awaitable);
+        stream, net::buffer(response.body.data(), length), tuple_awaitable);
     co_return !ec && !cut;
   }
 
-  net::awaitable<void> session(tcp::socket socket) {
-    boost::beast::tcp_stream stream(std::move(socket));
-    boost::beast::flat_buffer buffer;
+  template <class Stream>
+  net::awaitable<void> session(Stream stream, beast::flat_buffer buffer) {
     for (;;) {
       http::request_parser<http::string_body> parser;
       parser.body_limit(kMaxRequestBody);
-      stream.expires_after(kReadTimeout);
+      beast::get_lowest_layer(stream).expires_after(kReadTimeout);
       auto [ec, n] = co_await http::async_read(stream, buffer, parser, tuple_awaitable);
       if (ec) break;
-      stream.expires_never();
+      beast::get_lowest_layer(stream).expires_never();
       auto& message = parser.get();
       const bool keepAlive = message.keep_alive();
       const bool head = message.method() == http::verb::head;
@@ -128,6 +208,24 @@ struct Server::Impl {
             Request::make(std::string(message.method_string()), std::string(message.target()),
                           std::move(headers), std::move(message.body()));
         if (!request.path.starts_with("/_sandbox/")) journal.record(request);
+        if (options.realtime && Realtime::isSocketPath(request.path) &&
+            beast::websocket::is_upgrade(message)) {
+          auto admission = options.realtime->admit(request);
+          if (auto* credential = std::get_if<RealtimeCredential>(&admission)) {
+            if (options.verbose)
+              std::cerr << "herald-sandbox: " << message.target() << " -> 101\n";
+            co_await serveRealtime(std::move(stream), parser.release(), *options.realtime,
+                                   std::move(*credential), request.path);
+            co_return;
+          }
+          response = std::get<Response>(std::move(admission));
+          if (options.verbose)
+            std::cerr << "herald-sandbox: " << message.target() << " -> " << response.status
+                      << "\n";
+          // The client gave up on this connection with its upgrade.
+          co_await write(stream, response, trouble, false, false);
+          break;
+        }
         trouble = troubleFrom(request);
         co_await pause(trouble.delay);
         if (head) request.method = "GET";
@@ -142,8 +240,21 @@ struct Server::Impl {
       }
       if (!co_await write(stream, response, trouble, keepAlive, head) || !keepAlive) break;
     }
+    co_await finish(stream);
+  }
+
+  static net::awaitable<void> finish(beast::tcp_stream& stream) {
     boost::system::error_code ignored;
     stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+    co_return;
+  }
+
+  static net::awaitable<void> finish(beast::ssl_stream<beast::tcp_stream>& stream) {
+    // close_notify, then the TCP end; a peer that does not answer is not waited for long.
+    beast::get_lowest_layer(stream).expires_after(std::chrono::seconds(5));
+    co_await stream.async_shutdown(tuple_awaitable);
+    boost::system::error_code ignored;
+    beast::get_lowest_layer(stream).socket().shutdown(tcp::socket::shutdown_send, ignored);
   }
 };
 
@@ -164,7 +275,8 @@ Server::Server(const Router& router, Journal& journal, ServerOptions options)
 Server::~Server() = default;
 
 std::string Server::baseURL() const {
-  return "http://127.0.0.1:" + std::to_string(impl_->acceptor.local_endpoint().port());
+  return std::string(impl_->tls ? "https" : "http") +
+         "://127.0.0.1:" + std::to_string(impl_->acceptor.local_endpoint().port());
 }
 
 void Server::run() {
