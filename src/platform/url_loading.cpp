@@ -19,6 +19,7 @@
 
 #include "platform/paths.hpp"
 #include "platform/text.hpp"
+#include "platform/tls.hpp"
 
 namespace platform {
 namespace {
@@ -364,6 +365,12 @@ class CurlTask : public DataTask, public std::enable_shared_from_this<CurlTask> 
     curl_easy_setopt(easy_, CURLOPT_XFERINFODATA, this);
     curl_easy_setopt(easy_, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy_, CURLOPT_STREAM_WEIGHT, static_cast<long>(1 + priority_ * 255));
+    if (const auto caFile = trustedCertificates()) {
+      // The program's CA file is then the only anchor: the built-in certificate folder goes
+      // too, or a certificate the system trusts would still pass. curl copies the text.
+      curl_easy_setopt(easy_, CURLOPT_CAINFO, caFile->c_str());
+      curl_easy_setopt(easy_, CURLOPT_CAPATH, nullptr);
+    }
 
     if (request_.body) {
       // The body goes through a read callback rather than as post fields: curl must then ask
