@@ -187,6 +187,7 @@ TEST(WebSocket, FramesGoBothWaysInOrderAndWaitForTheConnection) {
     co_await ws.async_write(asio::buffer(std::string("\0\xff", 2)), asio::use_awaitable);
     ws.text(true);
     co_await ws.async_write(asio::buffer(std::string("third")), asio::use_awaitable);
+    co_await ws.async_write(asio::buffer(std::string("fourth")), asio::use_awaitable);
     co_await readUntilClosed(ws);
   });
   auto recorder = std::make_shared<Recorder>();
@@ -194,8 +195,13 @@ TEST(WebSocket, FramesGoBothWaysInOrderAndWaitForTheConnection) {
   auto task = session.webSocketTask(server.url("/realtime/?auth=a.b-c"));
   EXPECT_EQ(task->state(), platform::WebSocketTask::State::suspended);
 
-  // Made before the connection exists: they wait for it and are answered in order.
-  auto received = receiveInto(*task);
+  // Made before the connection exists: they wait for it and are answered in order. The
+  // first makes another from inside its completion, as a receive loop does.
+  auto received = std::make_shared<Mailbox<Outcome>>();
+  task->receive([received, raw = task.get()](auto message, auto error) {
+    received->push({std::move(message), std::move(error)});
+    receiveInto(*raw, received);
+  });
   receiveInto(*task, received);
   auto sent = std::make_shared<Mailbox<std::optional<platform::Error>>>();
   task->send("one", [sent](auto error) { sent->push(std::move(error)); });
@@ -215,11 +221,14 @@ TEST(WebSocket, FramesGoBothWaysInOrderAndWaitForTheConnection) {
   ASSERT_TRUE(second.message);
   EXPECT_EQ(second.message->kind, WebSocketMessage::Kind::data);
   EXPECT_EQ(second.message->payload, std::string("\0\xff", 2));
+  auto third = received->pop();
+  ASSERT_TRUE(third.message);
+  EXPECT_EQ(third.message->payload, "third");
 
   // The awaitable form comes back to the awaiting coroutine's own thread.
   asio::io_context caller;
   std::optional<std::thread::id> resumedOn;
-  std::string third;
+  std::string fourth;
   asio::co_spawn(
       caller,
       [](std::shared_ptr<platform::WebSocketTask> task, std::optional<std::thread::id>& on,
@@ -227,10 +236,10 @@ TEST(WebSocket, FramesGoBothWaysInOrderAndWaitForTheConnection) {
         const auto message = co_await task->receive();
         text = message.payload;
         on = std::this_thread::get_id();
-      }(task, resumedOn, third),
+      }(task, resumedOn, fourth),
       asio::detached);
   caller.run_for(10s);
-  EXPECT_EQ(third, "third");
+  EXPECT_EQ(fourth, "fourth");
   EXPECT_EQ(resumedOn, std::this_thread::get_id());
   EXPECT_EQ(task->state(), platform::WebSocketTask::State::running);
 }
