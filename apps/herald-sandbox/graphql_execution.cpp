@@ -116,7 +116,9 @@ void Execution::fail(const std::string& message, Location location, json::array 
 }
 
 const FieldSpec* Execution::findField(std::string_view type, std::string_view name) const {
-  for (const auto& field : schema_.at(type))
+  const auto fields = schema_.find(type);
+  if (fields == schema_.end()) return nullptr;
+  for (const auto& field : fields->second)
     if (field.name == name) return &field;
   return nullptr;
 }
@@ -369,6 +371,31 @@ void Execution::validateSet(std::string_view type, const Sets& sets) {
 
 json::object Execution::args(const FieldGroup& group, std::string_view type) {
   return arguments(*group.field, *findField(type, group.field->name));
+}
+
+json::value Execution::selectFrom(std::string_view type, const Sets& sets,
+                                  const json::value& source) {
+  if (source.is_array()) {
+    json::array items;
+    for (const auto& item : source.as_array()) items.push_back(selectFrom(type, sets, item));
+    return items;
+  }
+  if (!source.is_object()) return nullptr;
+  json::object out;
+  for (const auto& group : collect(type, sets)) {
+    const auto& name = group.field->name;
+    if (name == "__typename") {
+      out[group.key] = type;
+      continue;
+    }
+    const auto* spec = findField(type, name);
+    const auto* value = source.as_object().if_contains(name);
+    if (!value || value->is_null())
+      out[group.key] = nullptr;
+    else
+      out[group.key] = isLeaf(spec->type) ? *value : selectFrom(spec->type, group.subsets, *value);
+  }
+  return out;
 }
 
 Response answer(const Accounts& accounts, const Request& request,

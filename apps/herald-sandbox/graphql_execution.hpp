@@ -99,6 +99,11 @@ class Execution {
   std::vector<FieldGroup> collect(std::string_view type, const Sets& sets);
   /// The arguments of a field of `type`, variables replaced by their values.
   boost::json::object args(const FieldGroup& group, std::string_view type);
+  /// The fields that `sets` select on `type`, answered from `source`, a stored JSON object
+  /// whose keys are the schema's field names: leaves as stored (null when absent), objects
+  /// (and arrays of them) selected in turn; a null `source` is null.
+  boost::json::value selectFrom(std::string_view type, const Sets& sets,
+                                const boost::json::value& source);
   bool isMutation() const { return operation_.kind == Operation::Kind::mutation; }
   const std::string& user() const { return user_; }
 

@@ -17,6 +17,7 @@
 #include "inbox.hpp"
 #include "journal.hpp"
 #include "outbox.hpp"
+#include "platform/json.hpp"
 #include "platform/version.hpp"
 #include "realtime.hpp"
 #include "router.hpp"
@@ -48,6 +49,28 @@ constexpr const char* kFooter = R"(Endpoints:
                                   it for another user moves it there
   DELETE /users/<id>/tokens/<token>
                                   forgets the token: 204, also when it was not registered
+  GET    /users/<id>/preferences[?cursor=CURSOR]
+                                  a page of the account's topics (50 at most) with the
+                                  user's choice of each: {"items": [{"default_status",
+                                  "has_custom_routing", "custom_routing", "status",
+                                  "topic_id", "topic_name", "section_name", "section_id"},
+                                  ...], "paging": {"more", "cursor"}}; the next page comes
+                                  with the cursor as given; one from before the topics were
+                                  replaced, or made up, gets 400
+  GET    /users/<id>/preferences/<topic>
+                                  one topic: {"topic": {...}}; 404 for an unknown topic
+  PUT    /users/<id>/preferences/<topic>
+                                  the user's choice, body {"topic": {"status": "OPTED_IN" |
+                                  "OPTED_OUT", "has_custom_routing": BOOL, "custom_routing":
+                                  ["push", "sms", "email", "direct_message", "webhook"]}}:
+                                  200 {"topic": {...}}; opting out of a REQUIRED topic gets
+                                  400, an unknown topic 404
+  POST   /client/q                the API's GraphQL: query brand(brandId) { brandId settings {
+                                  colors { primary secondary tertiary } inapp { borderRadius
+                                  disableHeraldFooter } } }, answered with the fields asked
+                                  for; an unknown brand is null with an error beside it
+                                  (200), a document that does not parse or fit gets 400
+                                  {"errors"}, as on /inbox/q
   POST   /inbox/q                 the inbox's GraphQL: queries count(params), messages(params,
                                   limit, after) newest first with cursor paging, and
                                   message(messageId); mutations clicked, read, unread, opened,
@@ -73,6 +96,15 @@ constexpr const char* kFooter = R"(Endpoints:
                                   "2026-01-02T03:04:05.678Z", "tenant"}, all optional: 200
                                   with the message, its "messageId" and "trackingIds" (URLs
                                   of /track/ here)
+  PUT    /_sandbox/brands/<id>    sets a brand, body {"settings": {"colors": {"primary",
+                                  "secondary", "tertiary"}, "inapp": {"borderRadius",
+                                  "disableHeraldFooter": BOOL}}}, every key optional: 200
+  PUT    /_sandbox/topics         replaces the account's topics, body {"topics": [{"topic_id",
+                                  "topic_name", "section_id", "section_name",
+                                  "default_status": "OPTED_IN" | "OPTED_OUT" | "REQUIRED",
+                                  "has_custom_routing"?, "custom_routing"?}, ...]}: 200
+                                  {"topics": COUNT}. Until then the topics are the bundled
+                                  sample, samples/topics.json (built into the program)
   POST   /_sandbox/send           body {"user": ID, "push": {...}, "tenant"?}: one message per
                                   push token of the user, whose payload is "push" with "aps"
                                   "mutable-content": 1 and a "trackingUrl" back to this
@@ -128,8 +160,8 @@ an HS256 token signed with the --jwt-secret whose "sub" is the user in the path 
 not expired ("exp"). Without one, or with a malformed, badly signed or expired one, the answer
 is 401 "authentication_error"; a valid token of another user gets 403 "authorization_error".
 A client key ("x-herald-client-key") stands in for a token only where the client sends one
-(GraphQL calls without a token: /inbox/q; the realtime socket's ?clientKey=), never on REST
-routes. /track/, /files/ and /_sandbox/ need no credentials.
+(GraphQL calls without a token: /client/q, /inbox/q; the realtime socket's ?clientKey=), never
+on REST routes. /track/, /files/ and /_sandbox/ need no credentials.
 
 TLS: with --tls-cert and --tls-key every route is HTTPS and the socket WSS, and the URL
 printed is "https://127.0.0.1:PORT"; a plain HTTP request gets 400 naming that URL.
@@ -283,6 +315,9 @@ int main(int argc, char** argv) {
                                options.clientKey);
     sandbox::Outbox outbox;
     sandbox::Inbox inbox;
+    sandbox::Brands brands;
+    sandbox::Preferences preferences(
+        sandbox::parseTopics(platform::parseJSON(sandbox::sampleTopics())));
     sandbox::Journal journal;
     sandbox::Realtime realtime(accounts, journal);
     inbox.setObserver(&realtime);
@@ -293,6 +328,8 @@ int main(int argc, char** argv) {
     sandbox::addFileRoutes(router, options.files);
     sandbox::addOutboxRoutes(router, accounts, outbox, inbox);
     sandbox::addInboxRoutes(router, accounts, inbox);
+    sandbox::addBrandRoutes(router, accounts, brands);
+    sandbox::addPreferenceRoutes(router, accounts, preferences);
     sandbox::addSandboxRoutes(router, journal);
     sandbox::addRealtimeRoutes(router, realtime);
     sandbox::Server server(router, journal, options.server);

@@ -6,9 +6,11 @@
 #include <optional>
 
 #include "accounts.hpp"
+#include "brands.hpp"
 #include "inbox.hpp"
 #include "journal.hpp"
 #include "outbox.hpp"
+#include "preferences.hpp"
 #include "realtime.hpp"
 #include "router.hpp"
 
@@ -41,6 +43,16 @@ InboxMessage addInboxMessage(Inbox& inbox, InboxMessage message, const std::stri
 /// "http://<Host>/track/": the tracking URLs lead back here the way the caller came. Throws
 /// BadRequest when the request has no Host, or one that is not a host name with a port.
 std::string trackingBase(const Request& request);
+
+/// POST /client/q: the API's GraphQL query brand(brandId) with the fields asked for, on
+/// behalf of "x-herald-user-id" (access token or client key); PUT /_sandbox/brands/<id>
+/// ({"settings": {"colors", "inapp"}}) sets a brand.
+void addBrandRoutes(Router& router, Accounts& accounts, Brands& brands);
+
+/// GET /users/<id>/preferences[?cursor=…] (a page of topics with the user's choices), GET and
+/// PUT /users/<id>/preferences/<topic>, with the user's access token; PUT /_sandbox/topics
+/// replaces the account's topics.
+void addPreferenceRoutes(Router& router, Accounts& accounts, Preferences& preferences);
 
 /// GET /files/<path>: the files under `root` (none: every such request is a 404). A symbolic
 /// link is followed only while it stays under `root`; one leading out is answered with 403.
