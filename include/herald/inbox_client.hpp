@@ -15,10 +15,12 @@
 /// `platform::Error` for an invalid URL or a transport failure), and a page that cannot be
 /// decoded throws `core::DecodingError` naming the key.
 ///
-/// The realtime socket that the inbox client will own does not exist yet.
+/// The client also owns the user's realtime socket (`socket()`), made on first use.
 
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,9 +30,15 @@
 
 namespace herald {
 
+class InboxSocket;
+
 class InboxClient : public HeraldApiClient {
  public:
   using HeraldApiClient::HeraldApiClient;
+
+  /// The realtime socket for these options, made on the first call and kept for the
+  /// client's life (closed; `connect()` opens it).
+  std::shared_ptr<InboxSocket> socket() const;
 
   /// The query texts exactly as they are sent, for the local service and for tests.
   std::string getMessagesQuery(std::int64_t paginationLimit,
@@ -73,6 +81,9 @@ class InboxClient : public HeraldApiClient {
  private:
   /// Sends `query` to the inbox endpoint and returns the answer's body (status 200 only).
   boost::asio::awaitable<std::string> send(std::string query) const;
+
+  mutable std::mutex socketMutex_;
+  mutable std::shared_ptr<InboxSocket> socket_;
 };
 
 }  // namespace herald

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "herald/endpoints.hpp"
+#include "herald/inbox_socket.hpp"
 
 namespace herald {
 namespace {
@@ -114,6 +115,12 @@ platform::URLRequest InboxClient::makeInboxRequest(std::string_view url, std::st
     addCredentialHeaders(request);
     request.body = HeraldGraphQLQuery{std::move(query)}.toJSON();
   });
+}
+
+std::shared_ptr<InboxSocket> InboxClient::socket() const {
+  std::lock_guard lock(socketMutex_);
+  if (!socket_) socket_ = InboxSocket::create(options());
+  return socket_;
 }
 
 boost::asio::awaitable<std::string> InboxClient::send(std::string query) const {

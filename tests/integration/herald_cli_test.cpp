@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -432,6 +433,75 @@ TEST_F(HeraldInbox, BadValuesExitWith2AndNobodySignedInWith1) {
   EXPECT_EQ(f.exitCode, 1);
   EXPECT_EQ(f.out, "");
   EXPECT_EQ(platform::parseJSON(f.err).at("error").at("message"), "No user signed in");
+}
+
+TEST_F(HeraldInbox, WatchPrintsEachFrameAsOneJSONLineUntilInterrupted) {
+  auto command = [&](std::vector<std::string> args) {
+    std::vector<std::string> argv{program("herald"), "--config-dir", config_, "--endpoint",
+                                  sandbox_.url()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+  };
+  Background watch(command({"inbox", "watch", "--raw", "--keep-alive", "0.1"}));
+  ASSERT_TRUE(watch.waitForOutput("(Ctrl-C ends)")) << watch.err();
+  // The token stays out of the terminal.
+  EXPECT_EQ(watch.err().find("auth="), std::string::npos) << watch.err();
+  const auto id = addMessage({{"title", "Live"}});
+  // Another device (its own connection id) reads it: the watcher hears the event.
+  const auto other = (dir_ / "other").string();
+  ASSERT_EQ(run({program("herald"), "--config-dir", other, "--endpoint", sandbox_.url(), "signin",
+                 "--user", "ada", "--jwt", jwtFor("ada")})
+                .exitCode,
+            0);
+  ASSERT_EQ(
+      run({program("herald"), "--config-dir", other, "--endpoint", sandbox_.url(), "inbox",
+           "read", id})
+          .exitCode,
+      0);
+  ASSERT_TRUE(watch.waitForOutput("\"event\":\"read\"")) << watch.out();
+
+  const auto finished = watch.stop(SIGINT);
+  EXPECT_EQ(finished.exitCode, 0) << finished.err;
+  const auto printed = lines(finished.out);
+  ASSERT_EQ(printed.size(), 2u) << finished.out;
+  const auto message = platform::parseJSON(printed[0]);
+  EXPECT_EQ(message.at("type"), "message");
+  EXPECT_EQ(message.at("message").at("messageId").as_string(), id);
+  EXPECT_EQ(message.at("message").at("title"), "Live");
+  EXPECT_EQ(platform::parseJSON(printed[1]),
+            platform::parseJSON(
+                R"({"type":"event","event":{"event":"read","messageId":")" + id +
+                R"(","type":"event"}})"));
+
+  // What the service saw: the subscription, keep-alives, and our close with 1000.
+  int keepAlives = 0;
+  std::optional<std::int64_t> closedWith;
+  for (const auto& entry : sandbox_.journal()) {
+    if (entry.at("method") != "FRAME" || entry.at("direction") != "received") continue;
+    if (entry.at("body") == R"({"action":"keepAlive"})") ++keepAlives;
+    if (entry.at("kind") == "close") closedWith = entry.at("code").as_int64();
+  }
+  EXPECT_GE(keepAlives, 1);
+  EXPECT_EQ(closedWith, 1000);
+}
+
+TEST_F(HeraldInbox, WatchEndsWith3WhenTheServiceClosesAndNeedsRaw) {
+  auto f = herald({"inbox", "watch"});
+  EXPECT_EQ(f.exitCode, 2);
+  EXPECT_NE(f.err.find("--raw"), std::string::npos) << f.err;
+
+  Background watch({program("herald"), "--config-dir", config_, "--endpoint", sandbox_.url(),
+                    "inbox", "watch", "--raw"});
+  ASSERT_TRUE(watch.waitForOutput("(Ctrl-C ends)")) << watch.err();
+  auto request = platform::URLRequest::make(sandbox_.url() + "/_sandbox/realtime/ada");
+  request.method = "POST";
+  request.body = R"({"close": {"code": 4001, "reason": "maintenance"}})";
+  ASSERT_EQ(platform::URLSession::shared().dataSync(request).response.statusCode, 200);
+  const auto finished = watch.stop(0, std::chrono::seconds(10));
+  EXPECT_EQ(finished.exitCode, 3) << finished.err;
+  EXPECT_NE(finished.err.find("closed the connection (code 4001: maintenance)"),
+            std::string::npos)
+      << finished.err;
 }
 
 }  // namespace

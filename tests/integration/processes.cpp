@@ -111,6 +111,74 @@ Finished run(const std::vector<std::string>& argv, const std::string& input,
   return result;
 }
 
+namespace {
+
+std::string readWhole(const std::string& path) {
+  std::string text;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return text;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+    text.append(buffer, static_cast<std::size_t>(n));
+  ::close(fd);
+  return text;
+}
+
+int openOutput(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) throw std::runtime_error("cannot create " + path);
+  return fd;
+}
+
+}  // namespace
+
+Background::Background(const std::vector<std::string>& argv) {
+  static int made = 0;
+  const auto stem = std::string(::getenv("TMPDIR") ? ::getenv("TMPDIR") : "/tmp") +
+                    "/herald-background-" + std::to_string(::getpid()) + "-" +
+                    std::to_string(made++);
+  outPath_ = stem + ".out";
+  errPath_ = stem + ".err";
+  const int out = openOutput(outPath_), err = openOutput(errPath_);
+  const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  pid_ = spawn(argv, in, out, err);
+  ::close(in);
+  ::close(out);
+  ::close(err);
+}
+
+Background::~Background() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  ::unlink(outPath_.c_str());
+  ::unlink(errPath_.c_str());
+}
+
+std::string Background::out() const { return readWhole(outPath_); }
+std::string Background::err() const { return readWhole(errPath_); }
+
+bool Background::waitForOutput(const std::string& text, std::chrono::milliseconds limit) const {
+  const auto deadline = Clock::now() + limit;
+  while (out().find(text) == std::string::npos && err().find(text) == std::string::npos) {
+    if (Clock::now() >= deadline) return false;
+    ::usleep(10'000);
+  }
+  return true;
+}
+
+Finished Background::stop(int signal, std::chrono::milliseconds limit) {
+  Finished result;
+  if (pid_ > 0) {
+    ::kill(pid_, signal);
+    result.exitCode = waitFor(std::exchange(pid_, -1), Clock::now() + limit);
+  }
+  result.out = out();
+  result.err = err();
+  return result;
+}
+
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> result;
   std::istringstream in(text);

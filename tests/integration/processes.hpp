@@ -29,6 +29,33 @@ struct Finished {
 Finished run(const std::vector<std::string>& argv, const std::string& input = {},
              std::chrono::milliseconds limit = 30s);
 
+/// A program running in the background, its standard output and error going to files, for
+/// commands that run until they are told to stop.
+///
+///   Background watch({program("herald"), "inbox", "watch", "--raw"});
+///   ASSERT_TRUE(watch.waitForOutput("\"type\":\"message\""));
+///   const auto finished = watch.stop(SIGINT);
+class Background {
+ public:
+  explicit Background(const std::vector<std::string>& argv);
+  /// Kills the program if it still runs.
+  ~Background();
+  Background(const Background&) = delete;
+  Background& operator=(const Background&) = delete;
+
+  std::string out() const;
+  std::string err() const;
+  /// Waits (at most `limit`) until standard output or error holds `text`.
+  bool waitForOutput(const std::string& text, std::chrono::milliseconds limit = 10s) const;
+  /// Sends `signal` (0: none) and waits (at most `limit`) for the program to end; killed
+  /// at the limit.
+  Finished stop(int signal, std::chrono::milliseconds limit = 10s);
+
+ private:
+  pid_t pid_ = -1;
+  std::string outPath_, errPath_;
+};
+
 /// Non-empty lines of a text.
 std::vector<std::string> lines(const std::string& text);
 
