@@ -12,6 +12,7 @@
 
 #include "device_tokens.hpp"
 #include "herald/herald_client.hpp"
+#include "herald/preference_client.hpp"
 #include "report.hpp"
 
 namespace cli {
@@ -79,16 +80,23 @@ struct InboxRequest {
 /// One inbox operation of the signed-in user, through a session taken up again.
 boost::asio::awaitable<int> inbox(InboxRequest request, Context& context);
 
-/// What `herald inbox watch` is asked to do.
-struct WatchRequest {
-  /// The socket's frames themselves (the only way there is).
-  bool raw = false;
-  /// Seconds between keep-alive messages.
-  double keepAlive = 300;
+/// The account's brand: its primary colour and whether the service's footer shows.
+boost::asio::awaitable<int> brand(std::string brandId, Context& context);
+
+/// What `herald prefs` is asked to do.
+struct PreferencesRequest {
+  enum class Kind { list, get, set };
+  Kind kind = Kind::list;
+  /// list: every page, following the cursor, instead of the first.
+  bool all = false;
+  std::string topicId;
+  /// set: the status and, when `channelsGiven`, the user's own channels (in any order).
+  herald::HeraldUserPreferencesStatus status = herald::HeraldUserPreferencesStatus::optedIn;
+  bool channelsGiven = false;
+  std::vector<herald::HeraldUserPreferencesChannel> channels;
 };
 
-/// Prints the signed-in user's realtime frames until SIGINT or SIGTERM (exit 0) or until the
-/// connection ends (exit 3). Runs the main queue on the calling (main) thread.
-int watchInbox(const WatchRequest& request, Context& context);
+/// One preferences operation of the signed-in user, through a session taken up again.
+boost::asio::awaitable<int> preferences(PreferencesRequest request, Context& context);
 
 }  // namespace cli

@@ -17,11 +17,11 @@
 #include "core/constants.hpp"
 #include "device_tokens.hpp"
 #include "herald/endpoints.hpp"
+#include "herald/preference_client.hpp"
 #include "herald/token_client.hpp"
 #include "platform/device.hpp"
 #include "platform/executor.hpp"
 #include "platform/system_log.hpp"
-#include "platform/tls.hpp"
 #include "platform/user_defaults.hpp"
 #include "platform/version.hpp"
 #include "report.hpp"
@@ -156,6 +156,49 @@ std::string checkLimit(const std::string& text) {
   return value >= 1 && value <= 100 ? std::string() : problem;
 }
 
+// "optedIn" or "optedOut": the statuses a user may choose.
+std::string checkPreferenceStatus(const std::string& text) {
+  if (text == "optedIn" || text == "optedOut") return {};
+  return "takes optedIn or optedOut, not '" + text + "'";
+}
+
+// The channels by their names in the client ("directMessage"), comma-separated.
+const std::vector<std::pair<std::string, herald::HeraldUserPreferencesChannel>>& channelNames() {
+  using C = herald::HeraldUserPreferencesChannel;
+  static const std::vector<std::pair<std::string, C>> names{
+      {"push", C::push}, {"sms", C::sms}, {"email", C::email},
+      {"directMessage", C::directMessage}, {"webhook", C::webhook}};
+  return names;
+}
+
+std::optional<std::vector<herald::HeraldUserPreferencesChannel>> parseChannels(
+    const std::string& text) {
+  std::vector<herald::HeraldUserPreferencesChannel> channels;
+  std::size_t start = 0;
+  while (true) {
+    const auto comma = text.find(',', start);
+    const auto name = text.substr(start, comma == std::string::npos ? comma : comma - start);
+    const auto found = std::find_if(channelNames().begin(), channelNames().end(),
+                                    [&](const auto& entry) { return entry.first == name; });
+    if (found == channelNames().end()) return std::nullopt;
+    channels.push_back(found->second);
+    if (comma == std::string::npos) return channels;
+    start = comma + 1;
+  }
+}
+
+std::string checkChannels(const std::string& text) {
+  if (parseChannels(text)) return {};
+  std::string names;
+  for (const auto& [name, channel] : channelNames()) names += (names.empty() ? "" : ", ") + name;
+  return "takes channels separated by commas, each one of " + names + ", not '" + text + "'";
+}
+
+// Brand ids go into the text of a GraphQL string as they are, as message ids do.
+std::string checkBrandId(const std::string& text) {
+  return checkInboxValue(text);
+}
+
 std::string checkEndpoint(const std::string& text) {
   try {
     herald::Endpoints::localService(text);
@@ -182,7 +225,6 @@ CLI::Validator validator(Check check) {
 struct Global {
   std::string endpoint;
   std::string configDir;
-  std::string caFile;
   bool json = false;
   bool showLogs = false;
 };
@@ -213,10 +255,14 @@ struct CommandLine {
   CLI::App* tokenAPNS = nullptr;
   CLI::App* tokenGet = nullptr;
   CLI::App* inbox = nullptr;
+  CLI::App* brand = nullptr;
+  std::string brandId;
+  cli::PreferencesRequest preferences;
+  std::string preferenceStatus, preferenceChannels;
+  // The preferences' commands and what each asks for.
+  std::vector<std::pair<CLI::App*, cli::PreferencesRequest::Kind>> preferenceCommands;
   cli::InboxRequest inboxRequest;
   std::string inboxLimit;
-  CLI::App* inboxWatch = nullptr;
-  cli::WatchRequest watch;
   // The inbox's commands and what each asks for.
   std::vector<std::pair<CLI::App*, cli::InboxRequest::Kind>> inboxCommands;
 
@@ -225,6 +271,7 @@ struct CommandLine {
   void addSession();
   void addToken();
   void addInbox();
+  void addPreferences();
 };
 
 CommandLine::CommandLine() {
@@ -241,6 +288,7 @@ CommandLine::CommandLine() {
   addSession();
   addToken();
   addInbox();
+  addPreferences();
 }
 
 void CommandLine::addGlobalOptions() {
@@ -257,13 +305,6 @@ void CommandLine::addGlobalOptions() {
       ->type_name("DIR")
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
       ->check(validator(checkConfigDir));
-  app.add_option("--ca-file", global.caFile,
-                 "trust the CA certificates in this PEM file for https and wss\n"
-                 "instead of the system's (a local service with a test certificate)")
-      ->type_name("FILE")
-      ->envname("HERALD_CA_FILE")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->check(CLI::ExistingFile);
   app.add_flag("--json", global.json, "one JSON object per line instead of text")
       ->disable_flag_override();
   app.add_flag("--show-logs", global.showLogs,
@@ -402,26 +443,53 @@ unread, its title and id, and its body (or preview) below.
       ->required()
       ->check(validator(checkInboxValue));
   for (auto& [command, kind] : inboxCommands) command->group("Commands");
+}
 
-  inboxWatch = inbox->add_subcommand(
-      "watch", "the realtime socket's frames as they arrive, until Ctrl-C");
-  inboxWatch->group("Commands");
-  inboxWatch->footer(
-      R"(Connects to the service's realtime socket as the signed-in user, subscribes, and prints
-each frame it receives, decoded, as one JSON line on standard output:
-  {"type": "message", "message": {...}}   a new message
-  {"type": "event", "event": {"event": "read", "messageId": "...", "type": "event"}}
-A frame that cannot be decoded is left out with an error line on standard error.
-Ctrl-C (or SIGTERM) closes the connection with code 1000 and exits with 0; a connection
-the service closes or that fails exits with 3.
+void CommandLine::addPreferences() {
+  using Kind = cli::PreferencesRequest::Kind;
+  const std::string session =
+      R"(Each command signs in again from the stored credentials (as an application does at
+launch) and asks the service. With nobody signed in: "No user signed in", exit status 1.
 
-)" + std::string(kGlobalOptions));
-  inboxWatch->add_flag("--raw", watch.raw, "the frames themselves (required)")
+)" + std::string(kGlobalOptions);
+  brand = app.add_subcommand("brand", "the account's brand: its primary colour and footer");
+  brand->group("Commands");
+  brand->footer(session);
+  brand->add_option("BRAND_ID", brandId, "the brand's id")
+      ->type_name("")
+      ->required()
+      ->check(validator(checkBrandId));
+
+  auto* prefs = app.add_subcommand("prefs", "the signed-in user's notification preferences");
+  prefs->group("Commands");
+  prefs->require_subcommand(1);
+  prefs->footer(
+      "A topic is shown as the user's status, its name, id and section, and the channels the\n"
+      "user chose, if any.\n\n" + session);
+  auto* list = prefs->add_subcommand("list", "the first page of topics, or every one with --all");
+  list->add_flag("--all", preferences.all, "every page, following the service's cursor")
       ->disable_flag_override();
-  inboxWatch->add_option("--keep-alive", watch.keepAlive,
-                         "seconds between keep-alive messages (default 300)")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(0.05, 86400.0));
+  preferenceCommands.emplace_back(list, Kind::list);
+  auto* get = prefs->add_subcommand("get", "one topic");
+  preferenceCommands.emplace_back(get, Kind::get);
+  auto* set = prefs->add_subcommand(
+      "set", "choose a topic's status and, with --channels, the channels it may use");
+  preferenceCommands.emplace_back(set, Kind::set);
+  for (auto* command : {get, set})
+    command->add_option("TOPIC", preferences.topicId, "the topic's id")
+        ->type_name("")
+        ->required()
+        ->check(validator(checkPathSegment));
+  set->add_option("--status", preferenceStatus, "optedIn or optedOut")
+      ->type_name("STATUS")
+      ->required()
+      ->check(validator(checkPreferenceStatus));
+  set->add_option("--channels", preferenceChannels,
+                  "the user's own channels, from push, sms, email, directMessage,\n"
+                  "webhook (sent in that order); without it, the account's")
+      ->type_name("LIST")
+      ->check(validator(checkChannels));
+  for (auto& [command, kind] : preferenceCommands) command->group("Commands");
 }
 
 // One line that says what is wrong, in the command's words where CLI11's would name its
@@ -446,9 +514,11 @@ std::string describe(const CLI::ParseError& error, const CLI::App& app) {
     if (text.find("ubcommand") != std::string::npos) {
       if (app.get_subcommand("token")->parsed())
         return "token needs a command: set, apns or get (see token --help)";
+      if (app.get_subcommand("prefs")->parsed())
+        return "prefs needs a command: list, get or set (see prefs --help)";
       if (app.get_subcommand("inbox")->parsed())
-        return "inbox needs a command: list, count, get, read, unread, open, archive, click, "
-               "read-all or watch (see inbox --help)";
+        return "inbox needs a command: list, count, get, read, unread, open, archive, click or "
+               "read-all (see inbox --help)";
       return "no command given (see --help)";
     }
     // "--user is required"
@@ -530,7 +600,6 @@ void configure(const Global& global, const cli::Reporter& report) {
                                     : herald::Endpoints::localService(global.endpoint));
   if (!global.configDir.empty())
     platform::UserDefaults::setStandardDirectory(std::filesystem::path(global.configDir));
-  if (!global.caFile.empty()) platform::setTrustedCertificates(global.caFile);
   platform::DeviceIdentity::setCurrent(
       platform::DeviceIdentity::machine(std::string(K::Application::bundleIdentifier)));
 }
@@ -552,7 +621,18 @@ int dispatch(CommandLine& line, cli::Context& context) {
     if (!line.inboxLimit.empty()) request.limit = std::stoll(line.inboxLimit);
     return platform::blockOn(cli::inbox(std::move(request), context));
   }
-  if (line.inboxWatch->parsed()) return cli::watchInbox(line.watch, context);
+  if (line.brand->parsed()) return platform::blockOn(cli::brand(line.brandId, context));
+  for (const auto& [command, kind] : line.preferenceCommands) {
+    if (!command->parsed()) continue;
+    auto request = line.preferences;
+    request.kind = kind;
+    request.status = line.preferenceStatus == "optedOut"
+                         ? herald::HeraldUserPreferencesStatus::optedOut
+                         : herald::HeraldUserPreferencesStatus::optedIn;
+    request.channelsGiven = !line.preferenceChannels.empty();
+    if (request.channelsGiven) request.channels = *parseChannels(line.preferenceChannels);
+    return platform::blockOn(cli::preferences(std::move(request), context));
+  }
   throw cli::UsageError("no command given (see --help)");
 }
 
