@@ -99,4 +99,16 @@ struct PreferencesRequest {
 /// One preferences operation of the signed-in user, through a session taken up again.
 boost::asio::awaitable<int> preferences(PreferencesRequest request, Context& context);
 
+/// What `herald inbox watch` is asked to do.
+struct WatchRequest {
+  /// The socket's frames themselves (the only way there is).
+  bool raw = false;
+  /// Seconds between keep-alive messages.
+  double keepAlive = 300;
+};
+
+/// Prints the signed-in user's realtime frames until SIGINT or SIGTERM (exit 0) or until the
+/// connection ends (exit 3). Runs the main queue on the calling (main) thread.
+int watchInbox(const WatchRequest& request, Context& context);
+
 }  // namespace cli

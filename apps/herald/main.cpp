@@ -22,6 +22,7 @@
 #include "platform/device.hpp"
 #include "platform/executor.hpp"
 #include "platform/system_log.hpp"
+#include "platform/tls.hpp"
 #include "platform/user_defaults.hpp"
 #include "platform/version.hpp"
 #include "report.hpp"
@@ -225,6 +226,7 @@ CLI::Validator validator(Check check) {
 struct Global {
   std::string endpoint;
   std::string configDir;
+  std::string caFile;
   bool json = false;
   bool showLogs = false;
 };
@@ -263,6 +265,8 @@ struct CommandLine {
   std::vector<std::pair<CLI::App*, cli::PreferencesRequest::Kind>> preferenceCommands;
   cli::InboxRequest inboxRequest;
   std::string inboxLimit;
+  CLI::App* inboxWatch = nullptr;
+  cli::WatchRequest watch;
   // The inbox's commands and what each asks for.
   std::vector<std::pair<CLI::App*, cli::InboxRequest::Kind>> inboxCommands;
 
@@ -305,6 +309,13 @@ void CommandLine::addGlobalOptions() {
       ->type_name("DIR")
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
       ->check(validator(checkConfigDir));
+  app.add_option("--ca-file", global.caFile,
+                 "trust the CA certificates in this PEM file for https and wss\n"
+                 "instead of the system's (a local service with a test certificate)")
+      ->type_name("FILE")
+      ->envname("HERALD_CA_FILE")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->check(CLI::ExistingFile);
   app.add_flag("--json", global.json, "one JSON object per line instead of text")
       ->disable_flag_override();
   app.add_flag("--show-logs", global.showLogs,
@@ -443,6 +454,26 @@ unread, its title and id, and its body (or preview) below.
       ->required()
       ->check(validator(checkInboxValue));
   for (auto& [command, kind] : inboxCommands) command->group("Commands");
+
+  inboxWatch = inbox->add_subcommand(
+      "watch", "the realtime socket's frames as they arrive, until Ctrl-C");
+  inboxWatch->group("Commands");
+  inboxWatch->footer(
+      R"(Connects to the service's realtime socket as the signed-in user, subscribes, and prints
+each frame it receives, decoded, as one JSON line on standard output:
+  {"type": "message", "message": {...}}   a new message
+  {"type": "event", "event": {"event": "read", "messageId": "...", "type": "event"}}
+A frame that cannot be decoded is left out with an error line on standard error.
+Ctrl-C (or SIGTERM) closes the connection with code 1000 and exits with 0; a connection
+the service closes or that fails exits with 3.
+
+)" + std::string(kGlobalOptions));
+  inboxWatch->add_flag("--raw", watch.raw, "the frames themselves (required)")
+      ->disable_flag_override();
+  inboxWatch->add_option("--keep-alive", watch.keepAlive,
+                         "seconds between keep-alive messages (default 300)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.05, 86400.0));
 }
 
 void CommandLine::addPreferences() {
@@ -517,8 +548,8 @@ std::string describe(const CLI::ParseError& error, const CLI::App& app) {
       if (app.get_subcommand("prefs")->parsed())
         return "prefs needs a command: list, get or set (see prefs --help)";
       if (app.get_subcommand("inbox")->parsed())
-        return "inbox needs a command: list, count, get, read, unread, open, archive, click or "
-               "read-all (see inbox --help)";
+        return "inbox needs a command: list, count, get, read, unread, open, archive, click, "
+               "read-all or watch (see inbox --help)";
       return "no command given (see --help)";
     }
     // "--user is required"
@@ -600,6 +631,7 @@ void configure(const Global& global, const cli::Reporter& report) {
                                     : herald::Endpoints::localService(global.endpoint));
   if (!global.configDir.empty())
     platform::UserDefaults::setStandardDirectory(std::filesystem::path(global.configDir));
+  if (!global.caFile.empty()) platform::setTrustedCertificates(global.caFile);
   platform::DeviceIdentity::setCurrent(
       platform::DeviceIdentity::machine(std::string(K::Application::bundleIdentifier)));
 }
@@ -621,6 +653,7 @@ int dispatch(CommandLine& line, cli::Context& context) {
     if (!line.inboxLimit.empty()) request.limit = std::stoll(line.inboxLimit);
     return platform::blockOn(cli::inbox(std::move(request), context));
   }
+  if (line.inboxWatch->parsed()) return cli::watchInbox(line.watch, context);
   if (line.brand->parsed()) return platform::blockOn(cli::brand(line.brandId, context));
   for (const auto& [command, kind] : line.preferenceCommands) {
     if (!command->parsed()) continue;
