@@ -134,6 +134,14 @@ void addRealtimeRoutes(Router& router, Realtime& realtime) {
   router.add("GET", "/_sandbox/realtime", [&realtime](const Request&, std::string_view) {
     return Response::json(200, realtime.connections());
   });
+  // The server takes the socket's upgrades before routing; what reaches here is a plain GET.
+  for (const auto* path : {"/realtime", "/realtime/"})
+    router.add("GET", path, [](const Request&, std::string_view) {
+      auto response = Response::error(
+          426, "the realtime socket takes a WebSocket upgrade (Upgrade: websocket)");
+      response.headers.emplace_back("Upgrade", "websocket");
+      return response;
+    });
 }
 
 }  // namespace sandbox

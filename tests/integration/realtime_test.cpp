@@ -141,6 +141,8 @@ TEST(SandboxRealtime, OnlyThisAccountsTokensAndClientKeyOpenTheSocket) {
   const auto error = refused.nextError();
   EXPECT_EQ(error.code(), platform::url_error::badServerResponse) << error.what();
   EXPECT_NE(std::string(error.what()).find("401"), std::string::npos) << error.what();
+  // Without an upgrade the socket's path says what it takes.
+  EXPECT_EQ(call(sandbox.url() + "/realtime/").status, 426);
 
 }
 
