@@ -139,8 +139,8 @@ constexpr const char* kFooter = R"(Endpoints:
                                   "00ff"} (hex), {"size": BYTES} (one message frame of that
                                   many bytes), {"stall": true} (no reading, no pong, no
                                   frame until the client gives up); "repeat": N sends N
-                                  copies of a text, frame or binary. 200 {"connections": N};
-                                  404 when none is subscribed
+                                  copies of a text, frame, binary or size (256 MB at most in
+                                  all). 200 {"connections": N}; 404 when none is subscribed
   GET    /_sandbox/realtime       the open connections: {"connections": [{"connection", "user",
                                   "tokenUser", "clientSourceId", "accountId", "userAgent",
                                   "version", "subscribed", "framesIn", "framesOut",

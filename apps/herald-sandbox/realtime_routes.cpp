@@ -16,6 +16,8 @@ namespace json = boost::json;
 // Room for the benchmark's 10,000 frames many times over; more is a typing mistake.
 constexpr std::int64_t kMaxRepeat = 1'000'000;
 constexpr std::int64_t kMaxSize = 64 * 1024 * 1024;
+// Every copy sent is kept in the journal too.
+constexpr std::size_t kMaxTotalBytes = 256u * 1024 * 1024;
 // {"type":"message","messageId":"large","body":""}: the frame that `size` pads.
 constexpr std::string_view kLargeHead = R"({"type":"message","messageId":"large","body":")";
 constexpr std::string_view kLargeTail = R"("})";
@@ -113,6 +115,9 @@ RealtimeOrder orderFrom(const json::object& body) {
       throw BadRequest("\"repeat\" goes with text, frame, binary or size, not with \"" + kind +
                        "\"");
     order.count = static_cast<std::size_t>(integer(*repeat, "repeat", 1, kMaxRepeat));
+    if (order.payload->size() > kMaxTotalBytes / order.count)
+      throw BadRequest("at most " + std::to_string(kMaxTotalBytes) +
+                       " bytes can be sent at once (repeat times the frame's size)");
   }
   return order;
 }
