@@ -13,6 +13,7 @@
 #include "platform/json.hpp"
 #include "platform/url_loading.hpp"
 #include "platform/web_socket.hpp"
+#include "support/certificates.hpp"
 
 namespace {
 
@@ -346,48 +347,31 @@ TEST(SandboxRealtime, TroubleOnRequest) {
 }
 
 // A certificate for 127.0.0.1 made for the test, and a key of another one.
-struct Certificates {
-  std::filesystem::path dir, cert, key, otherKey;
-  Certificates() {
-    char pattern[] = "/tmp/realtime-tls-XXXXXX";
-    dir = ::mkdtemp(pattern);
-    cert = dir / "cert.pem";
-    key = dir / "key.pem";
-    otherKey = dir / "other-key.pem";
-    for (const auto& [certificate, privateKey] : {std::pair{cert, key}, {dir / "other.pem", otherKey}}) {
-      const auto made = run({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes",
-                             "-days", "1", "-subj", "/CN=localhost", "-addext",
-                             "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout",
-                             privateKey.string(), "-out", certificate.string()});
-      if (made.exitCode != 0) throw std::runtime_error("openssl failed: " + made.err);
-    }
-  }
-  ~Certificates() { std::filesystem::remove_all(dir); }
-};
-
 TEST(SandboxRealtime, TLSServesHTTPSAndTheSecureSocket) {
-  Certificates tls;
-  const auto refused = run({program("herald-sandbox"), "--tls-cert", tls.cert.string(),
-                            "--tls-key", tls.otherKey.string()});
+  testing_support::Certificates tls;
+  const auto cert = tls.path("server.pem"), key = tls.path("server.key");
+  const auto refused = run({program("herald-sandbox"), "--tls-cert", cert.string(),
+                            "--tls-key", tls.path("other.key").string()});
   EXPECT_EQ(refused.exitCode, 2);
   EXPECT_EQ(lines(refused.err).size(), 1u) << refused.err;
   EXPECT_NE(refused.err.find("is not the key of the certificate"), std::string::npos)
       << refused.err;
 
-  Sandbox sandbox({"--tls-cert", tls.cert.string(), "--tls-key", tls.key.string()});
+  Sandbox sandbox({"--tls-cert", cert.string(), "--tls-key", key.string()});
   ASSERT_TRUE(sandbox.url().starts_with("https://127.0.0.1:")) << sandbox.url();
   const auto plain = rawExchange(sandbox.port(), "GET /_sandbox/realtime HTTP/1.1\r\nHost: x\r\n\r\n");
   EXPECT_TRUE(plain.starts_with("HTTP/1.1 400")) << plain;
   EXPECT_NE(plain.find("use " + sandbox.url()), std::string::npos) << plain;
 
   platform::WebSocketConfiguration trusting;
-  trusting.caFile = tls.cert;
+  trusting.caFile = tls.path("ca.pem");
   Client client(sandbox, "clientKey=sandbox-client-key", trusting);
   client.subscribe("ada");
   // The routes over HTTPS: curl, trusting the same certificate.
   const auto curl = [&](const std::string& method, const std::string& path,
                         const std::string& body) {
-    return run({"/usr/bin/curl", "-s", "--cacert", tls.cert.string(), "-X", method, "-d", body,
+    return run({"/usr/bin/curl", "-s", "--cacert", tls.path("ca.pem").string(), "-X", method,
+                "-d", body,
                 sandbox.url() + path});
   };
   for (int i = 0; i < 1000 && curl("GET", "/_sandbox/realtime", "").out.find("\"subscribed\":true") ==

@@ -18,15 +18,14 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <condition_variable>
-#include <cstdlib>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
 #include "platform/tls.hpp"
 #include "platform/url_loading.hpp"
+#include "support/certificates.hpp"
 
 namespace {
 
@@ -395,46 +394,11 @@ TEST(WebSocket, AMessageOverTheLimitFailsAndClosesWith1009) {
 
 // --- TLS ---------------------------------------------------------------------------------------
 
-// A CA, a server certificate for 127.0.0.1 and localhost, and one for another name only.
-class Certificates {
- public:
-  Certificates()
-      : dir_(std::filesystem::temp_directory_path() /
-             ("web-socket-test-" + std::to_string(::getpid()))) {
-    std::filesystem::create_directories(dir_);
-    const auto d = dir_.string();
-    const std::string key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
-    run("openssl req -x509" + key + " -keyout " + d + "/ca.key -out " + d +
-        "/ca.pem -days 2 -subj /CN=Test-CA -addext basicConstraints=critical,CA:TRUE"
-        " -addext keyUsage=keyCertSign");
-    issue("server", "IP:127.0.0.1,DNS:localhost");
-    issue("other", "DNS:other.test");
-  }
-  ~Certificates() { std::filesystem::remove_all(dir_); }
-  std::filesystem::path path(const std::string& name) const { return dir_ / name; }
-
- private:
-  void issue(const std::string& name, const std::string& names) {
-    const auto d = dir_.string();
-    std::ofstream(dir_ / (name + ".ext")) << "subjectAltName=" << names << "\n";
-    run("openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " + d + "/" +
-        name + ".key -out " + d + "/" + name + ".csr -subj /CN=" + name);
-    run("openssl x509 -req -in " + d + "/" + name + ".csr -CA " + d + "/ca.pem -CAkey " + d +
-        "/ca.key -CAcreateserial -days 2 -out " + d + "/" + name + ".pem -extfile " + d + "/" +
-        name + ".ext");
-  }
-  static void run(const std::string& command) {
-    if (std::system((command + " >/dev/null 2>&1").c_str()) != 0)
-      throw std::runtime_error("failed: " + command);
-  }
-  std::filesystem::path dir_;
-};
-
 // Over TLS: a WebSocket upgrade is answered by echoing every message; any other request by
 // "secure hello".
 class SecureServer {
  public:
-  SecureServer(const Certificates& certificates, const std::string& name) {
+  SecureServer(const testing_support::Certificates& certificates, const std::string& name) {
     tls_.use_certificate_chain_file(certificates.path(name + ".pem").string());
     tls_.use_private_key_file(certificates.path(name + ".key").string(), asio::ssl::context::pem);
     acceptor_.open(tcp::v4());
@@ -486,7 +450,7 @@ class SecureServer {
 
 class SecureWebSocket : public testing::Test {
  protected:
-  static void SetUpTestSuite() { certificates_ = new Certificates(); }
+  static void SetUpTestSuite() { certificates_ = new testing_support::Certificates(); }
   static void TearDownTestSuite() { delete certificates_; }
   void TearDown() override { platform::setTrustedCertificates(std::nullopt); }
 
@@ -503,9 +467,9 @@ class SecureWebSocket : public testing::Test {
     static const auto path = certificates_->path("ca.pem");
     return path;
   }
-  static Certificates* certificates_;
+  static testing_support::Certificates* certificates_;
 };
-Certificates* SecureWebSocket::certificates_ = nullptr;
+testing_support::Certificates* SecureWebSocket::certificates_ = nullptr;
 
 TEST_F(SecureWebSocket, TheCertificateMustChainToATrustedAnchorAndNameTheHost) {
   SecureServer server(*certificates_, "server");
