@@ -27,8 +27,9 @@
 
 namespace herald {
 
-/// A callback slot that may be set, cleared and called from different threads: calling it
-/// copies the function under a lock and runs the copy outside it.
+/// A callback slot that may be set, cleared and called from different threads: a call takes
+/// the function set at that moment (one reference count, no copy of the function) and runs it
+/// outside the lock, so that it may set or clear the slot itself.
 ///
 ///   herald::SocketCallback<void(std::string)> onText;
 ///   onText = [](std::string t) { use(t); };
@@ -47,30 +48,31 @@ class SocketCallback<void(Args...)> {
   SocketCallback& operator=(const SocketCallback&) = delete;
 
   SocketCallback& operator=(Function function) {
+    auto next = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
     std::lock_guard lock(mutex_);
-    function_ = std::move(function);
+    function_.swap(next);
     return *this;
   }
   SocketCallback& operator=(std::nullptr_t) { return *this = Function(); }
 
   explicit operator bool() const {
     std::lock_guard lock(mutex_);
-    return static_cast<bool>(function_);
+    return function_ != nullptr;
   }
 
   /// Runs the function set now, if any.
   void operator()(Args... args) const {
-    Function function;
+    std::shared_ptr<const Function> function;
     {
       std::lock_guard lock(mutex_);
       function = function_;
     }
-    if (function) function(std::forward<Args>(args)...);
+    if (function) (*function)(std::forward<Args>(args)...);
   }
 
  private:
   mutable std::mutex mutex_;
-  Function function_;
+  std::shared_ptr<const Function> function_;
 };
 
 class HeraldSocket : public platform::WebSocketDelegate,
