@@ -146,7 +146,8 @@ class Socket final : public WebSocketTask, public std::enable_shared_from_this<S
         configuration_(std::move(configuration)),
         delegate_(std::move(delegate)),
         resolver_(socketContext()),
-        handshakeTimer_(socketContext()) {}
+        handshakeTimer_(socketContext()),
+        idleTimer_(socketContext()) {}
 
   const std::string& url() const override { return url_; }
 
@@ -364,14 +365,17 @@ class Socket final : public WebSocketTask, public std::enable_shared_from_this<S
     handshakeTimer_.cancel();
     phase_ = Phase::open;
     websocket::stream_base::timeout timeouts{};
-    // Beast times the closing handshake with the same limit as the opening one.
+    // Beast times the closing handshake with the same limit as the opening one. Idleness is
+    // watched here instead (watchIdle): Beast would set its timer again at every read, two
+    // system calls a frame.
     timeouts.handshake_timeout = configuration_.handshakeTimeout.count() > 0
                                      ? configuration_.handshakeTimeout
                                      : websocket::stream_base::none();
-    timeouts.idle_timeout = configuration_.idleTimeout.count() > 0 ? configuration_.idleTimeout
-                                                                   : websocket::stream_base::none();
-    timeouts.keep_alive_pings = true;
+    timeouts.idle_timeout = websocket::stream_base::none();
     ws_->set_option(timeouts);
+    ws_->control_callback(
+        [this](websocket::frame_type, beast::string_view) { heard_ = true; });
+    watchIdle();
 
     std::optional<std::string> protocol;
     if (auto field = upgradeResponse_.find(beast::http::field::sec_websocket_protocol);
@@ -417,6 +421,7 @@ class Socket final : public WebSocketTask, public std::enable_shared_from_this<S
     reading_ = false;
     if (phase_ != Phase::open) return;  // a closing handshake of ours answers everything
     if (ec) return connectionEnded(ec);
+    heard_ = true;
     WebSocketMessage message{
         ws_->got_text() ? WebSocketMessage::Kind::string : WebSocketMessage::Kind::data,
         beast::buffers_to_string(readBuffer_.data())};
@@ -450,9 +455,34 @@ class Socket final : public WebSocketTask, public std::enable_shared_from_this<S
     pumpSend();
   }
 
+  // Every half idle time-out: after a half with nothing received while a receive waited, a
+  // ping; after a second one, the connection has timed out. Nothing counts as idle while no
+  // receive waits, since nothing is read then.
+  void watchIdle() {
+    if (configuration_.idleTimeout.count() <= 0) return;
+    idleTimer_.expires_after(configuration_.idleTimeout / 2);
+    idleTimer_.async_wait([self = this->shared_from_this()](error_code ec) {
+      if (!ec && self->phase_ == Phase::open) self->lookForLife();
+    });
+  }
+
+  void lookForLife() {
+    if (heard_ || !reading_) {
+      heard_ = pinged_ = false;
+    } else if (!pinged_) {
+      pinged_ = true;
+      ws_->async_ping({}, [self = this->shared_from_this()](error_code) {});
+    } else {
+      idleTimedOut_ = true;
+      return dropTransport();  // the waiting read ends, and connectionEnded says why
+    }
+    watchIdle();
+  }
+
   // A read or write of the open connection failed: the peer's close frame, the end of the
   // stream, or a real failure.
   void connectionEnded(error_code ec) {
+    if (idleTimedOut_) ec = beast::error::timeout;
     if (ec == websocket::error::closed) {
       // Beast has answered the peer's close frame: the closing handshake is done.
       const auto peer = ws_->reason();
@@ -556,6 +586,7 @@ class Socket final : public WebSocketTask, public std::enable_shared_from_this<S
     phase_ = Phase::ended;
     endError_ = std::move(error);
     handshakeTimer_.cancel();
+    idleTimer_.cancel();
     if (!wasClosing) dropTransport();
     setState(State::completed);
     answerWaiting(endError_.value_or(notConnected()));
@@ -600,12 +631,16 @@ class Socket final : public WebSocketTask, public std::enable_shared_from_this<S
   // The web-socket thread's alone.
   tcp::resolver resolver_;
   asio::steady_timer handshakeTimer_;
+  asio::steady_timer idleTimer_;
   std::optional<ssl::context> tls_;  // before the stream, which refers to it
   std::optional<websocket::stream<Next>> ws_;
   websocket::response_type upgradeResponse_;
   beast::flat_buffer readBuffer_;
   Phase phase_ = Phase::idle;
   bool handshakeTimedOut_ = false;
+  bool idleTimedOut_ = false;
+  bool heard_ = false;   // something arrived since the idle watch last looked
+  bool pinged_ = false;  // the idle watch has pinged and waits for an answer
   bool reading_ = false;
   bool writing_ = false;
   std::optional<Error> endError_;
