@@ -1,6 +1,7 @@
 // herald: the command a person uses to drive the Herald client: sign a user in and out, see
-// who is signed in, give the device's push tokens to the service, and read the inbox. A thin
-// layer over the client library, which never prints: the command does, as text or JSON lines.
+// who is signed in, give the device's push tokens to the service, read and watch the inbox,
+// and read the brand and the user's preferences. A thin layer over the client library, which
+// never prints: the command does, as text or JSON lines.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -33,8 +34,10 @@ constexpr const char* kName = "herald";
 
 constexpr const char* kDescription =
     R"(Drives the Herald client from the command line: signs a user in and out, registers the
-device's push tokens with the service and reads and changes the user's inbox. Credentials and the device's tokens are kept in the
-configuration folder, so that each command starts where the last one left off.
+device's push tokens with the service, reads and changes the user's inbox and watches it
+live, shows the account's brand and reads and sets the user's notification preferences.
+Credentials and the device's tokens are kept in the configuration folder, so that each
+command starts where the last one left off.
 )";
 
 constexpr const char* kFooter = R"(Global options go before or after the command.
