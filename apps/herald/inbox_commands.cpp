@@ -16,15 +16,6 @@ namespace {
 using boost::asio::awaitable;
 using Kind = InboxRequest::Kind;
 
-// A title or text from the service on one line of the terminal: a line break or another
-// control character in it would pass for a line of our own.
-std::string oneLine(std::string_view text) {
-  std::string result(text);
-  for (char& c : result)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-  return result;
-}
-
 // "* 5m  Title  [id]" (the star when unread), then the subtitle indented below it.
 std::string describe(const herald::InboxMessage& message) {
   std::string time = message.time();

@@ -19,14 +19,6 @@ using herald::HeraldUserPreferencesChannel;
 using herald::HeraldUserPreferencesTopic;
 using Kind = PreferencesRequest::Kind;
 
-// Text from the service on one line of the terminal.
-std::string oneLine(std::string_view text) {
-  std::string result(text);
-  for (char& c : result)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-  return result;
-}
-
 std::string channelList(const std::vector<HeraldUserPreferencesChannel>& channels) {
   std::string text;
   for (const auto channel : channels)

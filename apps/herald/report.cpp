@@ -25,6 +25,13 @@ boost::json::value optionalJSON(const std::optional<std::string>& text) {
 
 }  // namespace
 
+std::string oneLine(std::string_view text) {
+  std::string result(text);
+  for (char& c : result)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+  return result;
+}
+
 Failure Failure::from(std::exception_ptr error) {
   try {
     std::rethrow_exception(error);

@@ -13,6 +13,10 @@
 
 namespace cli {
 
+/// Text from the service on one line of the terminal: a line break or another control
+/// character in it would pass for a line of our own, so each becomes a space.
+std::string oneLine(std::string_view text);
+
 /// The exit status every command shares.
 enum ExitStatus : int {
   success = 0,
