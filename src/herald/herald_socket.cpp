@@ -157,10 +157,14 @@ void HeraldSocket::keepAlive(double interval) {
 }
 
 void HeraldSocket::armReceive(const std::shared_ptr<platform::WebSocketTask>& task) {
+  // Both held weakly: the completion waits inside the task, and a strong reference there
+  // would keep the task alive by itself.
   std::weak_ptr<HeraldSocket> weak = weak_from_this();
-  task->receive([weak, task](std::optional<platform::WebSocketMessage> message,
-                             std::optional<platform::Error> error) {
-    if (auto self = weak.lock()) self->received(task, std::move(message), std::move(error));
+  std::weak_ptr<platform::WebSocketTask> weakTask = task;
+  task->receive([weak, weakTask](std::optional<platform::WebSocketMessage> message,
+                                 std::optional<platform::Error> error) {
+    if (auto self = weak.lock())
+      self->received(weakTask.lock(), std::move(message), std::move(error));
   });
 }
 
@@ -189,7 +193,7 @@ void HeraldSocket::received(const std::shared_ptr<platform::WebSocketTask>& task
   }
   // Only the connection that is still current keeps receiving: after a reconnect the old
   // one's last frame must not arm a second receive on the new one.
-  if (webSocketTask() == task) armReceive(task);
+  if (task && webSocketTask() == task) armReceive(task);
 }
 
 void HeraldSocket::didOpen(platform::WebSocketTask&, const std::optional<std::string>&) {
