@@ -11,19 +11,17 @@
 namespace cli {
 namespace {
 
-// Whole lines in one write each: log lines come from the executor's threads while the main
-// thread may be reporting.
-void writeLine(std::FILE* stream, std::string line) {
-  line += '\n';
-  std::fwrite(line.data(), 1, line.size(), stream);
-  std::fflush(stream);
-}
-
 boost::json::value optionalJSON(const std::optional<std::string>& text) {
   return text ? boost::json::value(*text) : boost::json::value(nullptr);
 }
 
 }  // namespace
+
+void writeLine(std::FILE* stream, std::string line) {
+  line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stream);
+  std::fflush(stream);
+}
 
 std::string oneLine(std::string_view text) {
   std::string result(text);

@@ -3,6 +3,7 @@
 // errors and log lines on standard error, and the exit status that goes with each error.
 
 #include <boost/json/object.hpp>
+#include <cstdio>
 #include <exception>
 #include <optional>
 #include <stdexcept>
@@ -12,6 +13,10 @@
 #include "platform/system_log.hpp"
 
 namespace cli {
+
+/// Writes `line` and a line end in one write, then flushes: log lines come from other
+/// threads while the main thread reports, and a line must not be split between them.
+void writeLine(std::FILE* stream, std::string line);
 
 /// Text from the service on one line of the terminal: a line break or another control
 /// character in it would pass for a line of our own, so each becomes a space.

@@ -3,7 +3,6 @@
 // until the connection ends.
 
 #include <boost/asio/signal_set.hpp>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -37,12 +36,6 @@ struct Ending {
     return true;
   }
 };
-
-void writeLine(std::FILE* stream, std::string line) {
-  line += '\n';
-  std::fwrite(line.data(), 1, line.size(), stream);
-  std::fflush(stream);
-}
 
 std::string describe(platform::WebSocketCloseCode code, const std::optional<std::string>& reason) {
   std::string text = "code " + std::to_string(static_cast<unsigned>(code));
@@ -111,17 +104,21 @@ int watchInbox(const WatchRequest& request, Context& context) {
   socket->keepAlive(request.keepAlive);
 
   // A connection that ends without a closing handshake (the peer's stream simply ends) tells
-  // no callback; look at it now and then.
+  // no callback; look at it now and then. An end seen once is looked at again a moment later,
+  // so that the close or error it came with is the one reported.
+  bool sawEnd = false;
   std::function<void()> watchTask;
   watchTask = [&] {
     const auto task = socket->webSocketTask();
-    if (!task || task->state() == platform::WebSocketTask::State::completed) {
+    const bool ended = !task || task->state() == platform::WebSocketTask::State::completed;
+    if (ended && sawEnd) {
       if (ending->end(ExitStatus::unreachable))
         report.failure(Failure{std::nullopt, "the connection ended", "connection_closed",
                                ExitStatus::unreachable},
                        "inbox watch");
       return;
     }
+    sawEnd = ended;
     platform::MainQueue::shared().postAfter(std::chrono::milliseconds(500), watchTask);
   };
   platform::MainQueue::shared().postAfter(std::chrono::milliseconds(500), watchTask);
