@@ -1,7 +1,5 @@
 #include "herald/inbox_socket.hpp"
 
-#include <boost/json/serialize.hpp>
-
 #include "herald/endpoints.hpp"
 #include "herald/herald_agent.hpp"
 
