@@ -1,7 +1,7 @@
 #pragma once
 /// `Herald`: the one facade of the service client. It signs a user in and out, keeps the
 /// credentials in user defaults so that they outlive the process, tells listeners when the
-/// user changes, and owns the push-token cache (and, soon, the inbox).
+/// user changes, and owns the push-token cache and the live inbox (herald/inbox_module.hpp).
 ///
 ///   auto& herald = herald::Herald::shared();
 ///   co_await herald.signIn("user-1", std::nullopt, jwt, std::nullopt, /*showLogs=*/true);
@@ -17,6 +17,7 @@
 #include <boost/asio/awaitable.hpp>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,6 +26,7 @@
 #include "herald/herald_agent.hpp"
 #include "herald/herald_client.hpp"
 #include "herald/herald_error.hpp"
+#include "herald/inbox_module.hpp"
 #include "herald/token_client.hpp"
 #include "herald/token_module.hpp"
 #include "herald/user_manager.hpp"
@@ -126,7 +128,44 @@ class Herald : public std::enable_shared_from_this<Herald> {
 
   /// Stores `limit` clamped to 1…100 (32 until set).
   boost::asio::awaitable<void> setPaginationLimit(long long limit);
+  /// The same as a new task; `completion` runs afterwards on a thread of the shared executor.
+  void setPaginationLimit(long long limit, Completion completion);
   boost::asio::awaitable<int> inboxPaginationLimit();
+
+  // ---- the live inbox (herald/inbox_module.hpp) ------------------------------------------
+
+  /// Registers a listener, then: "No user signed in" to its `onError` when nobody is; the
+  /// state it missed when the inbox is loaded (no request); else the inbox starts (three
+  /// first loads at once, then the realtime socket) and every listener hears of it.
+  boost::asio::awaitable<std::shared_ptr<HeraldInboxListener>> addInboxListener(
+      HeraldInboxListener::Callbacks callbacks);
+  boost::asio::awaitable<void> removeInboxListener(std::shared_ptr<HeraldInboxListener> listener);
+  boost::asio::awaitable<void> removeAllInboxListeners();
+  /// Loads the inbox anew and reconnects its socket; failures go to every `onError`.
+  boost::asio::awaitable<void> refreshInbox();
+  /// The next page of a list, also posted as `onPageAdded`. Empty when the inbox is not
+  /// loaded, the list has no more pages or a page of it is on its way; after a failed page
+  /// (thrown here), empty until the inbox restarts.
+  boost::asio::awaitable<std::vector<InboxMessagePtr>> fetchNextInboxPage(InboxMessageFeed feed);
+  /// The loaded messages (empty before the first load and after sign-out).
+  boost::asio::awaitable<std::vector<InboxMessagePtr>> feedMessages();
+  boost::asio::awaitable<std::vector<InboxMessagePtr>> archivedMessages();
+
+  /// Each changes the message here at once (the listeners told), then tells the service;
+  /// a refusal undoes that change (the listeners told again) and is thrown. Throws "No user
+  /// signed in" without a user; an id in neither list does nothing.
+  boost::asio::awaitable<void> readMessage(std::string messageId);
+  boost::asio::awaitable<void> unreadMessage(std::string messageId);
+  boost::asio::awaitable<void> openMessage(std::string messageId);
+  /// Counts the click with the message's click tracking id; nothing changes here.
+  boost::asio::awaitable<void> clickMessage(std::string messageId);
+  /// Reads the message if it is unread, then moves it to the top of the archive.
+  boost::asio::awaitable<void> archiveMessage(std::string messageId);
+  /// Every unread message of both lists read, the unread count 0.
+  boost::asio::awaitable<void> readAllInboxMessages();
+
+  /// The inbox's state and listeners, made on first use.
+  std::shared_ptr<InboxModule> inboxModule();
 
   // ---- push tokens -----------------------------------------------------------------------
 
@@ -180,7 +219,7 @@ class Herald : public std::enable_shared_from_this<Herald> {
   void logWithClient(std::string_view message) const;
   TokenModule& tokenModule();
 
-  // The inbox's part of sign-in, sign-out and the life cycle; nothing until the inbox lands.
+  // The inbox's part of sign-in, sign-out and the life cycle.
   boost::asio::awaitable<void> restartInbox();
   boost::asio::awaitable<void> closeInbox();
 
@@ -193,6 +232,8 @@ class Herald : public std::enable_shared_from_this<Herald> {
   int paginationLimit_ = 32;
   std::vector<TokenUpload> lastTokenUploads_;
   std::unique_ptr<HeraldNotificationProxy> notificationProxy_;
+  std::mutex inboxMutex_;
+  std::shared_ptr<InboxModule> inboxModule_;  // under inboxMutex_
 };
 
 }  // namespace herald

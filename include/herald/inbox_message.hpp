@@ -116,8 +116,8 @@ class InboxMessage {
   std::string time(Date now) const;
   std::string time() const;
 
-  /// Marks the message through the inbox. The inbox module does not exist yet:
-  /// until it does, every one of these throws `HeraldError::inboxNotInitialized()`.
+  /// Marks the message through the shared facade's inbox (`Herald::readMessage` and its
+  /// siblings): changed there at once, then told to the service.
   boost::asio::awaitable<void> markAsRead() const;
   boost::asio::awaitable<void> markAsUnread() const;
   boost::asio::awaitable<void> markAsOpened() const;

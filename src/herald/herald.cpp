@@ -252,6 +252,13 @@ awaitable<void> Herald::setPaginationLimit(long long limit) {
   });
 }
 
+void Herald::setPaginationLimit(long long limit, Completion completion) {
+  completeLater([self = shared_from_this(), limit] { return self->setPaginationLimit(limit); },
+                [completion = std::move(completion)](std::optional<HeraldError>) {
+                  if (completion) completion();
+                });
+}
+
 awaitable<int> Herald::inboxPaginationLimit() {
   return actor_.run(
       [self = shared_from_this()]() -> awaitable<int> { co_return self->paginationLimit_; });
@@ -360,18 +367,97 @@ void Herald::openSettingsForApp() {
 awaitable<void> Herald::didEnterForeground() {
   return actor_.exclusive([self = shared_from_this()]() -> awaitable<void> {
     if (!self->users_.userId()) co_return;
-    co_await self->restartInbox();
+    const auto module = self->inboxModule();
+    const auto listeners = co_await module->listenerCount();
+    if (listeners > 0) co_await module->start();
   });
 }
 
 awaitable<void> Herald::didEnterBackground() {
-  return actor_.exclusive(
-      [self = shared_from_this()]() -> awaitable<void> { co_await self->closeInbox(); });
+  return actor_.exclusive([self = shared_from_this()]() -> awaitable<void> {
+    std::shared_ptr<InboxModule> module;
+    {
+      std::lock_guard lock(self->inboxMutex_);
+      module = self->inboxModule_;
+    }
+    if (module) co_await module->closeSocket();
+  });
 }
 
-// The inbox joins here: sign-in restarts it for the new client, sign-out and the background
-// close it, the foreground reloads it when it has listeners.
-awaitable<void> Herald::restartInbox() { co_return; }
-awaitable<void> Herald::closeInbox() { co_return; }
+// Sign-in restarts the inbox for the new client when somebody listens (a session nobody
+// watches opens no socket); sign-out stops it; the background closes only the socket; the
+// foreground reloads it when it has listeners.
+awaitable<void> Herald::restartInbox() {
+  const auto module = inboxModule();
+  const auto listeners = co_await module->listenerCount();
+  if (listeners > 0)
+    co_await module->start();
+  else
+    co_await module->stop();
+}
+
+awaitable<void> Herald::closeInbox() {
+  std::shared_ptr<InboxModule> module;
+  {
+    std::lock_guard lock(inboxMutex_);
+    module = inboxModule_;
+  }
+  if (module) co_await module->stop();
+}
+
+std::shared_ptr<InboxModule> Herald::inboxModule() {
+  std::lock_guard lock(inboxMutex_);
+  if (!inboxModule_) inboxModule_ = InboxModule::create(weak_from_this());
+  return inboxModule_;
+}
+
+// ---- the live inbox --------------------------------------------------------------------------
+
+awaitable<std::shared_ptr<HeraldInboxListener>> Herald::addInboxListener(
+    HeraldInboxListener::Callbacks callbacks) {
+  return inboxModule()->addListener(std::move(callbacks));
+}
+
+awaitable<void> Herald::removeInboxListener(std::shared_ptr<HeraldInboxListener> listener) {
+  return inboxModule()->removeListener(std::move(listener));
+}
+
+awaitable<void> Herald::removeAllInboxListeners() { return inboxModule()->removeAllListeners(); }
+
+awaitable<void> Herald::refreshInbox() { return inboxModule()->start(); }
+
+awaitable<std::vector<InboxMessagePtr>> Herald::fetchNextInboxPage(InboxMessageFeed feed) {
+  return inboxModule()->fetchNextPage(feed);
+}
+
+awaitable<std::vector<InboxMessagePtr>> Herald::feedMessages() {
+  return inboxModule()->messages(InboxMessageFeed::feed);
+}
+
+awaitable<std::vector<InboxMessagePtr>> Herald::archivedMessages() {
+  return inboxModule()->messages(InboxMessageFeed::archived);
+}
+
+awaitable<void> Herald::readMessage(std::string messageId) {
+  return inboxModule()->change(std::move(messageId), InboxEventType::read);
+}
+
+awaitable<void> Herald::unreadMessage(std::string messageId) {
+  return inboxModule()->change(std::move(messageId), InboxEventType::unread);
+}
+
+awaitable<void> Herald::openMessage(std::string messageId) {
+  return inboxModule()->change(std::move(messageId), InboxEventType::opened);
+}
+
+awaitable<void> Herald::clickMessage(std::string messageId) {
+  return inboxModule()->change(std::move(messageId), InboxEventType::click);
+}
+
+awaitable<void> Herald::archiveMessage(std::string messageId) {
+  return inboxModule()->change(std::move(messageId), InboxEventType::archive);
+}
+
+awaitable<void> Herald::readAllInboxMessages() { return inboxModule()->readAll(); }
 
 }  // namespace herald

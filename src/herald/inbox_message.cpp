@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "herald/herald.hpp"
 #include "platform/executor.hpp"
 #include "platform/json.hpp"
 
@@ -245,27 +246,21 @@ std::string InboxMessage::time() const {
   return time(std::chrono::system_clock::now());
 }
 
-// Each of these hands the message id to the inbox module once there is one; the module is
-// not written yet, so the inbox is never ready.
+// Each of these is the shared facade's operation for this message's id.
 boost::asio::awaitable<void> InboxMessage::markAsRead() const {
-  throw HeraldError::inboxNotInitialized();
-  co_return;
+  return Herald::shared().readMessage(messageId);
 }
 boost::asio::awaitable<void> InboxMessage::markAsUnread() const {
-  throw HeraldError::inboxNotInitialized();
-  co_return;
+  return Herald::shared().unreadMessage(messageId);
 }
 boost::asio::awaitable<void> InboxMessage::markAsOpened() const {
-  throw HeraldError::inboxNotInitialized();
-  co_return;
+  return Herald::shared().openMessage(messageId);
 }
 boost::asio::awaitable<void> InboxMessage::markAsClicked() const {
-  throw HeraldError::inboxNotInitialized();
-  co_return;
+  return Herald::shared().clickMessage(messageId);
 }
 boost::asio::awaitable<void> InboxMessage::markAsArchived() const {
-  throw HeraldError::inboxNotInitialized();
-  co_return;
+  return Herald::shared().archiveMessage(messageId);
 }
 
 void InboxMessage::markAsRead(OnSuccess onSuccess, OnFailure onFailure) const {

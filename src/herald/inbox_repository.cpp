@@ -1,0 +1,126 @@
+#include <boost/asio/experimental/awaitable_operators.hpp>
+
+#include "herald/herald.hpp"
+#include "herald/inbox_client.hpp"
+#include "herald/inbox_module.hpp"
+
+namespace herald {
+namespace {
+
+template <class T>
+using awaitable = boost::asio::awaitable<T>;
+
+constexpr std::int64_t subscriptionVersion = 5;
+constexpr double keepAliveInterval = 300;
+
+}  // namespace
+
+InboxRepository::InboxRepository(std::weak_ptr<Herald> herald,
+                                 platform::WebSocketConfiguration configuration)
+    : herald_(std::move(herald)), socketManager_(std::move(configuration)) {}
+
+awaitable<std::shared_ptr<HeraldClient>> InboxRepository::signedInClient() {
+  const auto herald = herald_.lock();
+  if (!herald) throw HeraldError::inboxNotInitialized();
+  auto client = co_await herald->client();
+  if (!client) throw HeraldError::inboxNotInitialized();
+  co_return client;
+}
+
+awaitable<std::shared_ptr<HeraldInboxData>> InboxRepository::loadFirstPages(std::int64_t limit) {
+  using namespace boost::asio::experimental::awaitable_operators;
+  const auto client = co_await signedInClient();
+  const auto inbox = client->inbox();
+  // Three requests in flight at once; the first failure cancels the wait for the others.
+  auto feedLoad = inbox->getMessages(limit, std::nullopt);
+  auto archiveLoad = inbox->getArchivedMessages(limit, std::nullopt);
+  auto countLoad = inbox->getUnreadMessageCount();
+  auto [feed, archived, count] =
+      co_await (std::move(feedLoad) && std::move(archiveLoad) && std::move(countLoad));
+  auto data = std::make_shared<HeraldInboxData>();
+  data->feed = InboxMessageSet::fromData(feed.data.value_or(InboxData{}));
+  data->archived = InboxMessageSet::fromData(archived.data.value_or(InboxData{}));
+  data->unreadCount = count;
+  co_return data;
+}
+
+awaitable<void> InboxRepository::connectSocket(std::function<void(InboxMessagePtr)> onMessage,
+                                               std::function<void(MessageEvent)> onEvent) {
+  const auto client = co_await signedInClient();
+  const auto socket = co_await socketManager_.updateInstance(client->options);
+  socket->receivedMessage = std::move(onMessage);
+  socket->receivedMessageEvent = [onEvent = std::move(onEvent)](const MessageEvent& event) {
+    onEvent(event);
+  };
+  co_await socket->connect();
+  co_await socket->sendSubscribe(subscriptionVersion);
+  socket->keepAlive(keepAliveInterval);
+}
+
+awaitable<void> InboxRepository::closeSocket() { co_await socketManager_.closeSocket(); }
+
+awaitable<std::optional<InboxMessageSet>> InboxRepository::fetchNextPage(
+    InboxMessageFeed feed, bool canPaginate, std::optional<std::string> cursor,
+    std::int64_t limit) {
+  const auto herald = herald_.lock();
+  if (!herald || !herald->isUserSignedIn()) throw HeraldError::noUserSignedIn();
+  const auto client = co_await signedInClient();
+  co_return co_await actor_.run(
+      [this, client, feed, canPaginate, cursor = std::move(cursor),
+       limit]() -> awaitable<std::optional<InboxMessageSet>> {
+        bool& paging = feed == InboxMessageFeed::feed ? isPagingFeed_ : isPagingArchived_;
+        if (!canPaginate || paging) co_return std::nullopt;
+        paging = true;
+        const auto inbox = client->inbox();
+        InboxResponse response;
+        if (feed == InboxMessageFeed::feed)
+          response = co_await inbox->getMessages(limit, cursor);
+        else
+          response = co_await inbox->getArchivedMessages(limit, cursor);
+        // Cleared only on success: after a failure this list asks for no more pages until
+        // the inbox restarts, rather than hammering a service that just refused.
+        paging = false;
+        co_return InboxMessageSet::fromData(response.data.value_or(InboxData{}));
+      });
+}
+
+awaitable<void> InboxRepository::resetPaging() {
+  co_await actor_.run([this]() -> awaitable<void> {
+    isPagingFeed_ = false;
+    isPagingArchived_ = false;
+    co_return;
+  });
+}
+
+awaitable<void> InboxRepository::send(InboxEventType event, std::string messageId,
+                                      std::optional<std::string> trackingId) {
+  const auto client = co_await signedInClient();
+  const auto inbox = client->inbox();
+  switch (event) {
+    case InboxEventType::read:
+      co_await inbox->read(std::move(messageId));
+      break;
+    case InboxEventType::unread:
+      co_await inbox->unread(std::move(messageId));
+      break;
+    case InboxEventType::opened:
+      co_await inbox->open(std::move(messageId));
+      break;
+    case InboxEventType::archive:
+      co_await inbox->archive(std::move(messageId));
+      break;
+    case InboxEventType::click:
+      // A message without a click tracking id has no click to count.
+      if (trackingId) co_await inbox->click(std::move(messageId), std::move(*trackingId));
+      break;
+    case InboxEventType::markAllRead:
+      co_await inbox->readAll();
+      break;
+    case InboxEventType::unopened:
+    case InboxEventType::unarchive:
+    case InboxEventType::unclick:
+      break;
+  }
+}
+
+}  // namespace herald
