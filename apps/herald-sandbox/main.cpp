@@ -145,9 +145,26 @@ constexpr const char* kFooter = R"(Endpoints:
                                   "tokenUser", "clientSourceId", "accountId", "userAgent",
                                   "version", "subscribed", "framesIn", "framesOut",
                                   "keepAlives", "stalled"}, ...]}
+  POST   /_sandbox/trouble        trouble for the next requests to a path, body {"path":
+                                  "/inbox/q", "contains": TEXT, "delay", "stall", "status",
+                                  "truncate", "times": N}: the next N requests (1 if not
+                                  given; "always": true instead: every one until the rules
+                                  are deleted) whose path without the query is "path" and
+                                  whose body holds "contains" (if given) get that trouble,
+                                  as if given as query parameters (the rule's keys win).
+                                  Rules are tried in the order given; a request takes the
+                                  first that matches. 200 {"rules": PENDING}; a rule without
+                                  trouble, or for /_sandbox/, gets 400
+  GET    /_sandbox/trouble        the pending rules: {"rules": [{"path", ..., "times": LEFT
+                                  or "always": true}, ...]}
+  DELETE /_sandbox/trouble        removes every rule: 200 {"rules": 0}
   GET    /_sandbox/requests       the journal: every request received outside /_sandbox/, as
-                                  [{"method", "path", "headers": [[name, value], ...], "body"}],
-                                  and every frame of the realtime socket, as {"method":
+                                  [{"method", "path", "headers": [[name, value], ...], "body",
+                                  "received", "answered", "status"}], the times being
+                                  milliseconds since the sandbox started (monotonic clock)
+                                  when the request was read and when its answer was written
+                                  ("answered" and "status" come once it is), and every frame
+                                  of the realtime socket, as {"method":
                                   "FRAME", "path", "connection", "direction": "received" |
                                   "sent", "kind": "text" | "binary" (hex) | "close" (with
                                   "code") | "ping" | "pong", "body"}
@@ -173,6 +190,8 @@ combination):
   status=CODE       answer with this status (200 to 599) instead of the route's
   truncate=BYTES    announce the whole Content-Length, send only BYTES of the body, close
   e.g. /track/m1?delay=5   /files/photo.jpg?truncate=100   /_sandbox/bytes/64.png?status=503
+For requests whose URL a test cannot change (every inbox query and mutation goes to
+/inbox/q), POST /_sandbox/trouble sets the same trouble ahead of time.
 
 Exit status: 0 after SIGINT or SIGTERM, 1 when the port cannot be bound, 2 for bad options
 (including a certificate or key that cannot be read or do not belong together).)";
@@ -319,6 +338,8 @@ int main(int argc, char** argv) {
     sandbox::Preferences preferences(
         sandbox::parseTopics(platform::parseJSON(sandbox::sampleTopics())));
     sandbox::Journal journal;
+    sandbox::TroubleRules troubleRules;
+    options.server.troubleRules = &troubleRules;
     sandbox::Realtime realtime(accounts, journal);
     inbox.setObserver(&realtime);
     options.server.realtime = &realtime;
@@ -330,7 +351,7 @@ int main(int argc, char** argv) {
     sandbox::addInboxRoutes(router, accounts, inbox);
     sandbox::addBrandRoutes(router, accounts, brands);
     sandbox::addPreferenceRoutes(router, accounts, preferences);
-    sandbox::addSandboxRoutes(router, journal);
+    sandbox::addSandboxRoutes(router, journal, troubleRules);
     sandbox::addRealtimeRoutes(router, realtime);
     sandbox::Server server(router, journal, options.server);
     std::cout << server.baseURL() << std::endl;

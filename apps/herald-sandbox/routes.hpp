@@ -13,6 +13,7 @@
 #include "preferences.hpp"
 #include "realtime.hpp"
 #include "router.hpp"
+#include "trouble.hpp"
 
 namespace sandbox {
 
@@ -59,9 +60,10 @@ void addPreferenceRoutes(Router& router, Accounts& accounts, Preferences& prefer
 /// Throws std::filesystem::filesystem_error when `root` cannot be resolved.
 void addFileRoutes(Router& router, std::optional<std::filesystem::path> root);
 
-/// The sandbox's own routes: GET and DELETE /_sandbox/requests (the journal) and
+/// The sandbox's own routes: GET and DELETE /_sandbox/requests (the journal), POST, GET and
+/// DELETE /_sandbox/trouble (trouble rules for the next requests to a path) and
 /// GET /_sandbox/bytes/<N>.<ext> (made-up media of N bytes).
-void addSandboxRoutes(Router& router, Journal& journal);
+void addSandboxRoutes(Router& router, Journal& journal, TroubleRules& troubleRules);
 
 /// The realtime socket's own routes: POST /_sandbox/realtime/<user> (trouble for the
 /// connections subscribed to the user) and GET /_sandbox/realtime (the open connections).

@@ -2,6 +2,7 @@
 
 #include "media.hpp"
 #include "routes.hpp"
+#include "trouble.hpp"
 
 namespace sandbox {
 namespace {
@@ -25,12 +26,24 @@ Response generated(std::string_view name) {
 
 }  // namespace
 
-void addSandboxRoutes(Router& router, Journal& journal) {
+void addSandboxRoutes(Router& router, Journal& journal, TroubleRules& troubleRules) {
   router.add("GET", "/_sandbox/requests", [&journal](const Request&, std::string_view) {
     return Response::json(200, journal.entries());
   });
   router.add("DELETE", "/_sandbox/requests", [&journal](const Request&, std::string_view) {
     return Response::json(200, boost::json::object{{"deleted", journal.clear()}});
+  });
+  router.add("POST", "/_sandbox/trouble",
+             [&troubleRules](const Request& request, std::string_view) {
+               const auto pending = troubleRules.add(TroubleRule::fromJSON(request.jsonObject()));
+               return Response::json(200, boost::json::object{{"rules", pending}});
+             });
+  router.add("GET", "/_sandbox/trouble", [&troubleRules](const Request&, std::string_view) {
+    return Response::json(200, boost::json::object{{"rules", troubleRules.list()}});
+  });
+  router.add("DELETE", "/_sandbox/trouble", [&troubleRules](const Request&, std::string_view) {
+    troubleRules.clear();
+    return Response::json(200, boost::json::object{{"rules", 0}});
   });
   router.add("GET", "/_sandbox/bytes/*",
              [](const Request&, std::string_view name) { return generated(name); });

@@ -193,6 +193,7 @@ struct Server::Impl {
       beast::get_lowest_layer(stream).expires_after(kReadTimeout);
       auto [ec, n] = co_await http::async_read(stream, buffer, parser, tuple_awaitable);
       if (ec) break;
+      const auto received = Journal::Clock::now();
       beast::get_lowest_layer(stream).expires_never();
       auto& message = parser.get();
       const bool keepAlive = message.keep_alive();
@@ -203,11 +204,12 @@ struct Server::Impl {
         headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
       Response response;
       Trouble trouble;
+      std::optional<Journal::EntryId> entry;
       try {
         auto request =
             Request::make(std::string(message.method_string()), std::string(message.target()),
                           std::move(headers), std::move(message.body()));
-        if (!request.path.starts_with("/_sandbox/")) journal.record(request);
+        if (!request.path.starts_with("/_sandbox/")) entry = journal.record(request, received);
         if (options.realtime && Realtime::isSocketPath(request.path) &&
             beast::websocket::is_upgrade(message)) {
           auto admission = options.realtime->admit(request);
@@ -224,9 +226,11 @@ struct Server::Impl {
                       << "\n";
           // The client gave up on this connection with its upgrade.
           co_await write(stream, response, trouble, false, false);
+          if (entry) journal.answered(*entry, response.status, Journal::Clock::now());
           break;
         }
         trouble = troubleFrom(request);
+        if (options.troubleRules) trouble = options.troubleRules->apply(request, trouble);
         co_await pause(trouble.delay);
         if (head) request.method = "GET";
         response = router.handle(request);
@@ -238,7 +242,9 @@ struct Server::Impl {
         response = Response::error(400, e.what());
         trouble = {};
       }
-      if (!co_await write(stream, response, trouble, keepAlive, head) || !keepAlive) break;
+      const bool whole = co_await write(stream, response, trouble, keepAlive, head);
+      if (entry) journal.answered(*entry, response.status, Journal::Clock::now());
+      if (!whole || !keepAlive) break;
     }
     co_await finish(stream);
   }

@@ -14,6 +14,7 @@
 namespace sandbox {
 
 class Realtime;
+class TroubleRules;
 
 struct ServerOptions {
   unsigned short port = 0;  ///< 0: any free port
@@ -22,6 +23,8 @@ struct ServerOptions {
   std::optional<std::filesystem::path> tlsCertificate, tlsKey;
   /// Serves the realtime socket at /realtime/ (WebSocket upgrades); none: no socket.
   Realtime* realtime = nullptr;
+  /// Trouble set ahead of time (POST /_sandbox/trouble); none: only the query's.
+  TroubleRules* troubleRules = nullptr;
 };
 
 /// A certificate or key that cannot be read or used; its text is one line that says which.
@@ -46,9 +49,10 @@ class Server {
   std::string baseURL() const;
 
   /// Serves until SIGINT or SIGTERM arrives. Requests outside /_sandbox/ go to the journal
-  /// as they arrive; the trouble parameters (trouble.hpp) shape every answer but the
-  /// realtime socket's upgrade. With TLS, a plain HTTP request is answered with 400 and the
-  /// https address, and the connection closed.
+  /// as they arrive, and their status when the answer has been written; the trouble
+  /// parameters and rules (trouble.hpp) shape every answer but the realtime socket's
+  /// upgrade. With TLS, a plain HTTP request is answered with 400 and the https address, and
+  /// the connection closed.
   void run();
 
  private:
