@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/json.hpp>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "integration/processes.hpp"
 #include "platform/json.hpp"
@@ -63,6 +65,118 @@ TEST(Sandbox, StopsCleanlyOnSigtermRightAfterItsURL) {
     Sandbox sandbox;
     ASSERT_EQ(sandbox.stop(), 0) << "start " << start;
   }
+}
+
+// Trouble rules: the inbox sends every query and mutation to the one URL /inbox/q, so a test
+// picks out a mutation by its text.
+class SandboxTroubleRules : public ::testing::Test {
+ protected:
+  Answer rule(const std::string& body) {
+    return call(sandbox_.url() + "/_sandbox/trouble", "POST", body);
+  }
+  Answer mutate(const std::string& field) {
+    const auto query = "mutation TrackEvent { " + field + "(messageId: \"m1\") }";
+    return call(sandbox_.url() + "/inbox/q", "POST",
+                platform::toJSON(json::object{{"query", query}, {"variables", "{}"}}),
+                {{"x-herald-user-id", "ada"}, {"x-herald-client-key", "sandbox-client-key"}});
+  }
+  Answer track(const std::string& id) {
+    return call(sandbox_.url() + "/track/" + id, "POST", R"({"event":"READ"})");
+  }
+  // Waits (boundedly) until the journal holds `count` entries.
+  json::array journalOf(std::size_t count) {
+    for (int tries = 0; tries < 500; ++tries) {
+      auto journal = sandbox_.journal();
+      if (journal.size() >= count) return journal;
+      std::this_thread::sleep_for(10ms);
+    }
+    return sandbox_.journal();
+  }
+
+  Sandbox sandbox_;
+};
+
+TEST_F(SandboxTroubleRules, ARuleBendsOnlyTheMatchingRequestsAndOnlyItsNumberOfTimes) {
+  EXPECT_EQ(rule(R"({"path": "/inbox/q", "contains": "archive", "status": 500, "times": 2})")
+                .object()
+                .at("rules"),
+            1);
+  EXPECT_EQ(rule(R"({"path": "/track/t", "status": 503, "always": true})").object().at("rules"), 2);
+  EXPECT_EQ(mutate("read").status, 200);  // another mutation to the same URL
+  EXPECT_EQ(mutate("archive").status, 500);
+  EXPECT_EQ(call(sandbox_.url() + "/_sandbox/trouble").object().at("rules").at(0).at("times"), 1);
+  EXPECT_EQ(mutate("archive").status, 500);
+  EXPECT_EQ(mutate("archive").status, 200);  // used up
+
+  // A rule's keys win over the query's, whose other keys still count; "always" lasts.
+  for (int i = 0; i < 2; ++i) {
+    const auto cut = rawExchange(sandbox_.port(),
+                                 "POST /track/t?status=404&truncate=3 HTTP/1.1\r\nHost: x\r\n"
+                                 "Content-Length: 16\r\n\r\n{\"event\":\"READ\"}");
+    EXPECT_TRUE(cut.starts_with("HTTP/1.1 503 ")) << cut;
+    EXPECT_TRUE(cut.ends_with("\r\n\r\n{\"t")) << cut;
+  }
+  EXPECT_EQ(call(sandbox_.url() + "/_sandbox/trouble", "DELETE").object().at("rules"), 0);
+  EXPECT_EQ(track("t").status, 200);
+
+  // The journal keeps the status that was sent.
+  std::vector<std::int64_t> statuses;
+  for (const auto& entry : sandbox_.journal()) statuses.push_back(entry.at("status").as_int64());
+  EXPECT_EQ(statuses, (std::vector<std::int64_t>{200, 500, 500, 200, 503, 503, 200}));
+}
+
+TEST_F(SandboxTroubleRules, AWrongRuleIsRefusedWithTheReason) {
+  struct Case {
+    std::string body;
+    std::string expected;
+  } cases[] = {
+      {R"({"status": 500})", "needs a \"path\""},
+      {R"({"path": "/inbox/q"})", "makes no trouble"},
+      {R"({"path": "/inbox/q", "delay": 0})", "makes no trouble"},
+      {R"({"path": "/inbox/q", "status": 500, "times": 0})", "\"times\" must be"},
+      {R"({"path": "/inbox/q", "status": 500, "times": 2, "always": true})", "not both"},
+      {R"({"path": "/inbox/q", "status": "500"})", "not a string"},
+      {R"({"path": "/inbox/q", "delay": 3601})", "from 0 to 3600"},
+      {R"({"path": "/inbox/q", "status": 500, "when": 1})", "unknown key \"when\""},
+      {R"({"path": "/_sandbox/requests", "status": 500})", "/_sandbox/"},
+      {R"({"path": "/inbox/q?x=1", "status": 500})", "without the query"},
+      {R"([])", "not an array"},
+  };
+  for (const auto& c : cases) {
+    const auto refused = rule(c.body);
+    EXPECT_EQ(refused.status, 400) << c.body;
+    const auto message = std::string(refused.object().at("message").as_string());
+    EXPECT_NE(message.find(c.expected), std::string::npos) << c.body << " -> " << message;
+  }
+  EXPECT_TRUE(call(sandbox_.url() + "/_sandbox/trouble").object().at("rules").as_array().empty());
+}
+
+TEST_F(SandboxTroubleRules, TheJournalShowsRequestsThatWereAnsweredTogether) {
+  ASSERT_EQ(rule(R"({"path": "/track/slow", "delay": 0.3, "times": 3})").status, 200);
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 3; ++i)
+    clients.emplace_back([this] { EXPECT_EQ(track("slow").status, 200); });
+  for (auto& client : clients) client.join();
+  const auto journal = sandbox_.journal();
+  ASSERT_EQ(journal.size(), 3u);
+  double lastReceived = 0, firstAnswered = 1e300;
+  for (const auto& entry : journal) {
+    lastReceived = std::max(lastReceived, entry.at("received").to_number<double>());
+    firstAnswered = std::min(firstAnswered, entry.at("answered").to_number<double>());
+  }
+  EXPECT_LT(lastReceived, firstAnswered) << json::serialize(journal);
+
+  // A request whose entry was cleared while it waited does not mark the entry after it.
+  ASSERT_EQ(call(sandbox_.url() + "/_sandbox/requests", "DELETE").status, 200);
+  ASSERT_EQ(rule(R"({"path": "/track/late", "delay": 0.3, "status": 503})").status, 200);
+  std::thread late([this] { EXPECT_EQ(track("late").status, 503); });
+  ASSERT_EQ(journalOf(1).size(), 1u);
+  ASSERT_EQ(call(sandbox_.url() + "/_sandbox/requests", "DELETE").status, 200);
+  EXPECT_EQ(track("soon").status, 200);
+  late.join();
+  const auto after = sandbox_.journal();
+  ASSERT_EQ(after.size(), 1u);
+  EXPECT_EQ(after[0].at("status"), 200);
 }
 
 class SandboxFiles : public ::testing::Test {
