@@ -74,11 +74,13 @@ struct InboxRequest {
   /// list: the cursor of the page to fetch (none: the first page).
   std::optional<std::string> after;
   std::string messageId;
-  std::string trackingId;
 };
 
-/// One inbox operation of the signed-in user, through a session taken up again.
-boost::asio::awaitable<int> inbox(InboxRequest request, Context& context);
+/// One inbox operation of the signed-in user, through a session taken up again. The live
+/// inbox is loaded first (its socket closed at once: a command hears no news); its changes
+/// go through the facade. `list --after` and `get` ask the GraphQL client instead. Runs the
+/// main queue on the calling (main) thread while the inbox loads.
+int inbox(InboxRequest request, Context& context);
 
 /// The account's brand: its primary colour and whether the service's footer shows.
 boost::asio::awaitable<int> brand(std::string brandId, Context& context);
@@ -101,14 +103,23 @@ boost::asio::awaitable<int> preferences(PreferencesRequest request, Context& con
 
 /// What `herald inbox watch` is asked to do.
 struct WatchRequest {
-  /// The socket's frames themselves (the only way there is).
+  /// The socket's frames themselves instead of the live inbox.
   bool raw = false;
-  /// Seconds between keep-alive messages.
+  /// Seconds between keep-alive messages (--raw only; the live inbox keeps its own).
   double keepAlive = 300;
 };
 
-/// Prints the signed-in user's realtime frames until SIGINT or SIGTERM (exit 0) or until the
-/// connection ends (exit 3). Runs the main queue on the calling (main) thread.
+/// The live inbox (or, with `raw`, `watchRawInbox`). Runs the main queue on the calling
+/// (main) thread.
 int watchInbox(const WatchRequest& request, Context& context);
+
+/// Prints the signed-in user's realtime frames until SIGINT or SIGTERM (exit 0) or until the
+/// connection ends (exit 3).
+int watchRawInbox(const WatchRequest& request, Context& context);
+
+/// Registers one listener with every callback and prints each call as a JSON line; runs the
+/// commands given on standard input, one a line, each answered by a JSON line. Ends with
+/// SIGINT or SIGTERM (exit 0); the end of the input does not end it.
+int watchLiveInbox(const WatchRequest& request, Context& context);
 
 }  // namespace cli

@@ -1,6 +1,14 @@
-// `herald inbox`: the signed-in user's inbox through the client's GraphQL layer. Each command
-// takes the session up again from the stored credentials and makes one inbox request.
+// `herald inbox`: the signed-in user's inbox. Each command takes the session up again from the
+// stored credentials and loads the live inbox, as an application's inbox screen does; changes
+// go through the facade, which makes them here and tells the service. A page after a cursor
+// and a single message are asked of the GraphQL client directly.
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -8,7 +16,10 @@
 #include "herald/herald.hpp"
 #include "herald/inbox_client.hpp"
 #include "herald/inbox_message.hpp"
+#include "live_inbox.hpp"
+#include "platform/executor.hpp"
 #include "platform/json.hpp"
+#include "platform/main_queue.hpp"
 
 namespace cli {
 namespace {
@@ -27,19 +38,9 @@ std::string describe(const herald::InboxMessage& message) {
   return text;
 }
 
-awaitable<int> list(const InboxRequest& request, herald::InboxClient& inbox, Context& context) {
-  auto& herald = herald::Herald::shared();
-  // The facade keeps the page size within the service's bounds.
-  if (request.limit) co_await herald.setPaginationLimit(*request.limit);
-  const auto limit = co_await herald.inboxPaginationLimit();
-  // Not a conditional expression: GCC mis-compiles co_await in one.
-  herald::InboxResponse response;
-  if (request.archived)
-    response = co_await inbox.getArchivedMessages(limit, request.after);
-  else
-    response = co_await inbox.getMessages(limit, request.after);
-  const auto page = herald::InboxMessageSet::fromData(response.data.value_or(herald::InboxData{}));
-
+// "N of TOTAL messages" after the messages, and how to get the next page.
+void reportPage(const herald::InboxMessageSet& page, const InboxRequest& request,
+                Context& context) {
   const std::string which = request.archived ? "archived messages" : "messages";
   std::string text;
   for (const auto& message : page.messages) text += describe(*message) + "\n";
@@ -51,6 +52,21 @@ awaitable<int> list(const InboxRequest& request, herald::InboxClient& inbox, Con
   if (page.canPaginate && page.paginationCursor)
     text += "; more with --after " + oneLine(*page.paginationCursor);
   context.report.result(text, page.toJSON());
+}
+
+// The page after a cursor: the live inbox pages from its own cursor, so a page named by the
+// caller is asked of the GraphQL client.
+awaitable<int> listAfter(const InboxRequest& request, herald::InboxClient& inbox,
+                         Context& context) {
+  const auto limit = co_await herald::Herald::shared().inboxPaginationLimit();
+  // Not a conditional expression: GCC mis-compiles co_await in one.
+  herald::InboxResponse response;
+  if (request.archived)
+    response = co_await inbox.getArchivedMessages(limit, request.after);
+  else
+    response = co_await inbox.getMessages(limit, request.after);
+  reportPage(herald::InboxMessageSet::fromData(response.data.value_or(herald::InboxData{})),
+             request, context);
   co_return ExitStatus::success;
 }
 
@@ -80,39 +96,42 @@ awaitable<int> get(const std::string& messageId, herald::InboxClient& inbox, Con
   co_return ExitStatus::success;
 }
 
-// A mutation of one message (or of all), reported as the event the realtime socket would name.
-awaitable<int> change(const InboxRequest& request, herald::InboxClient& inbox, Context& context) {
+// A change of one message (or of all) through the live inbox, reported as the event the
+// realtime socket would name.
+awaitable<int> change(const InboxRequest& request, Context& context) {
   const auto& id = request.messageId;
   herald::InboxEventType event{};
   std::string text;
+  herald::InboxMessagePtr message;
   switch (request.kind) {
     case Kind::read:
-      co_await inbox.read(id);
+      message = co_await changeMessage(MessageChange::read, id);
       event = herald::InboxEventType::read;
       text = "marked " + id + " as read";
       break;
     case Kind::unread:
-      co_await inbox.unread(id);
+      message = co_await changeMessage(MessageChange::unread, id);
       event = herald::InboxEventType::unread;
       text = "marked " + id + " as unread";
       break;
     case Kind::open:
-      co_await inbox.open(id);
+      message = co_await changeMessage(MessageChange::open, id);
       event = herald::InboxEventType::opened;
       text = "marked " + id + " as opened";
       break;
     case Kind::archive:
-      co_await inbox.archive(id);
+      message = co_await changeMessage(MessageChange::archive, id);
       event = herald::InboxEventType::archive;
       text = "archived " + id;
       break;
     case Kind::click:
-      co_await inbox.click(id, request.trackingId);
+      message = co_await changeMessage(MessageChange::click, id);
       event = herald::InboxEventType::click;
-      text = "clicked " + id + " (tracking id " + request.trackingId + ")";
+      text = "clicked " + id + " (tracking id " +
+             oneLine(*message->trackingIds->clickTrackingId) + ")";
       break;
     case Kind::readAll:
-      co_await inbox.readAll();
+      co_await herald::Herald::shared().readAllInboxMessages();
       event = herald::InboxEventType::markAllRead;
       text = "marked every message as read";
       break;
@@ -121,29 +140,115 @@ awaitable<int> change(const InboxRequest& request, herald::InboxClient& inbox, C
   }
   boost::json::object fields{{"event", std::string(toString(event))}};
   if (request.kind != Kind::readAll) fields["messageId"] = id;
-  if (request.kind == Kind::click) fields["trackingId"] = request.trackingId;
+  if (request.kind == Kind::click) fields["trackingId"] = *message->trackingIds->clickTrackingId;
   context.report.result(text, fields);
   co_return ExitStatus::success;
 }
 
+// The module announces each listener on standard output, where a command's results go; a
+// command that registers one only to load the inbox sends that line to /dev/null.
+class QuietStandardOutput {
+ public:
+  QuietStandardOutput() {
+    std::fflush(stdout);
+    saved_ = ::dup(STDOUT_FILENO);
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (saved_ < 0 || null < 0 || ::dup2(null, STDOUT_FILENO) < 0) restore();
+    if (null >= 0) ::close(null);
+  }
+  ~QuietStandardOutput() { restore(); }
+  QuietStandardOutput(const QuietStandardOutput&) = delete;
+  QuietStandardOutput& operator=(const QuietStandardOutput&) = delete;
+
+ private:
+  void restore() {
+    if (saved_ < 0) return;
+    std::fflush(stdout);
+    ::dup2(saved_, STDOUT_FILENO);
+    ::close(saved_);
+    saved_ = -1;
+  }
+  int saved_ = -1;
+};
+
+// A safety bound only: every request of the load has its own time-out.
+constexpr auto kLoadLimit = std::chrono::seconds(180);
+
+// Loads the live inbox as a screen does (a listener, which hears the state or the error on
+// the main queue, run here until one comes), then closes its socket: a command acts on the
+// state it loaded, and an event heard meanwhile would be run as a change of its own.
+int loadInbox(Context& context) {
+  struct Outcome {
+    bool loaded = false;
+    std::optional<herald::HeraldError> error;
+  };
+  auto outcome = std::make_shared<Outcome>();  // main queue only
+  herald::HeraldInboxListener::Callbacks callbacks;
+  callbacks.onError = [outcome](const herald::HeraldError& error) {
+    if (!outcome->error) outcome->error = error;
+  };
+  // The last of the state's three calls.
+  callbacks.onUnreadCountChanged = [outcome](std::int64_t) { outcome->loaded = true; };
+  auto& herald = herald::Herald::shared();
+  {
+    QuietStandardOutput quiet;
+    platform::blockOn(herald.addInboxListener(std::move(callbacks)));
+  }
+  const bool settled = platform::MainQueue::shared().runUntil(
+      [&] { return outcome->loaded || outcome->error.has_value(); }, kLoadLimit);
+  platform::blockOn(herald.inboxModule()->closeSocket());
+  if (outcome->error) {
+    const auto failure = Failure::from(std::make_exception_ptr(*outcome->error));
+    context.report.failure(failure, "could not load the inbox");
+    return failure.status;
+  }
+  if (!settled) {
+    context.report.failure(Failure{std::nullopt, "the inbox did not load in time",
+                                   "timed_out", ExitStatus::unreachable});
+    return ExitStatus::unreachable;
+  }
+  return ExitStatus::success;
+}
+
 }  // namespace
 
-awaitable<int> inbox(InboxRequest request, Context& context) {
-  const auto session = co_await resumeSession(context);
-  if (!session.client) co_return session.status;
+int inbox(InboxRequest request, Context& context) {
+  const auto session = platform::blockOn(resumeSession(context));
+  if (!session.client) return session.status;
+  auto& herald = herald::Herald::shared();
+  // The facade keeps the page size within the service's bounds.
+  if (request.limit) platform::blockOn(herald.setPaginationLimit(*request.limit));
   const auto client = session.client->inbox();
+  if (request.kind == Kind::get) return platform::blockOn(get(request.messageId, *client, context));
+  if (request.kind == Kind::list && request.after)
+    return platform::blockOn(listAfter(request, *client, context));
+
+  if (const int status = loadInbox(context)) return status;
+  const auto data = platform::blockOn(herald.inboxModule()->snapshot());
+  if (!data) throw herald::HeraldError::inboxNotInitialized();
   switch (request.kind) {
-    case Kind::list:
-      co_return co_await list(request, *client, context);
-    case Kind::count: {
-      const auto count = co_await client->getUnreadMessageCount();
-      context.report.result(std::to_string(count) + " unread", {{"unreadCount", count}});
-      co_return ExitStatus::success;
+    case Kind::list: {
+      reportPage(request.archived ? data->archived : data->feed, request, context);
+      return ExitStatus::success;
     }
-    case Kind::get:
-      co_return co_await get(request.messageId, *client, context);
+    case Kind::count: {
+      context.report.result(std::to_string(data->unreadCount) + " unread",
+                            {{"unreadCount", data->unreadCount}});
+      return ExitStatus::success;
+    }
     default:
-      co_return co_await change(request, *client, context);
+      break;
+  }
+  try {
+    return platform::blockOn(change(request, context));
+  } catch (const MessageNotFound&) {
+    context.report.failure(inboxFailure(std::current_exception()), {},
+                           {{"messageId", request.messageId}});
+    return ExitStatus::refused;
+  } catch (const NothingToClick&) {
+    context.report.failure(inboxFailure(std::current_exception()), {},
+                           {{"messageId", request.messageId}});
+    return ExitStatus::refused;
   }
 }
 

@@ -415,9 +415,16 @@ void CommandLine::addInbox() {
   inbox->require_subcommand(1);
   inbox->footer(
       R"(Each command signs in again from the stored credentials (as an application does at
-launch, which registers the device's tokens again) and asks the service. With nobody
-signed in: "No user signed in", exit status 1. A message is shown as its age, a star when
-unread, its title and id, and its body (or preview) below.
+launch, which registers the device's tokens again) and loads the live inbox: the first
+page of the feed and of the archive and the unread count. list and count show what was
+loaded; read, unread, open, click, archive and read-all change the message there and tell
+the service (a refusal undoes the change). A message that is not on the first page is
+looked for on the next pages of the feed, then of the archive; one found nowhere is
+refused ("no message ID in the inbox", exit status 1), as is a click on a message
+without a click tracking id. list --after CURSOR and get ask the service directly (the
+live inbox pages from its own cursor). With nobody signed in: "No user signed in", exit
+status 1. A message is shown as its age, a star when unread, its title and id, and its
+body (or preview) below.
 
 )" + std::string(kGlobalOptions));
 
@@ -451,19 +458,34 @@ unread, its title and id, and its body (or preview) below.
   withId("unread", "mark a message as unread", Kind::unread);
   withId("open", "mark a message as opened", Kind::open);
   withId("archive", "archive a message", Kind::archive);
-  withId("click", "report a click on a message", Kind::click)
-      ->add_option("TRACKING_ID", inboxRequest.trackingId, "the click's tracking id")
-      ->type_name("")
-      ->required()
-      ->check(validator(checkInboxValue));
+  withId("click", "report a click on a message (with its own click tracking id)", Kind::click);
   for (auto& [command, kind] : inboxCommands) command->group("Commands");
 
   inboxWatch = inbox->add_subcommand(
-      "watch", "the realtime socket's frames as they arrive, until Ctrl-C");
+      "watch", "the live inbox as it changes, driven from standard input, until Ctrl-C");
   inboxWatch->group("Commands");
   inboxWatch->footer(
-      R"(Connects to the service's realtime socket as the signed-in user, subscribes, and prints
-each frame it receives, decoded, as one JSON line on standard output:
+      R"(Loads the live inbox as an application's screen does (one listener, the first pages,
+the unread count, then the realtime socket) and prints each call of the listener as one
+JSON line on standard output, as it happens:
+  {"callback": "onLoading"}
+  {"callback": "onFeedChanged" | "onArchiveChanged", "count", "totalCount",
+   "canPaginate", "cursor", "ids": [...]}     (onPageAdded: the same with "feed")
+  {"callback": "onUnreadCountChanged", "count": 3}
+  {"callback": "onMessageAdded" | "onMessageChanged" | "onMessageRemoved",
+   "feed": "feed" | "archived", "index": 0, "message": {...}}
+  {"callback": "onError", "message", "type", "code"}
+The inbox's own registry lines ("Herald Inbox Listener Registered. ...") are plain text
+on standard output too: skip lines that do not start with "{".
+Standard input takes commands, one a line, run one after another: read ID, unread ID,
+open ID, click ID, archive ID, read-all, next feed, next archived, refresh, background
+(closes the socket, as the application going to the background does), foreground (loads
+the inbox again). Each is answered, after the calls its change made, by
+{"command": "...", "ok": true} (next: with "count") or {"command": "...", "error",
+"type", "code"}; the watch goes on either way. The end of standard input does not end the
+watch; Ctrl-C (or SIGTERM) does, with exit status 0.
+
+--raw prints the realtime socket's frames instead, decoded, one JSON line each:
   {"type": "message", "message": {...}}   a new message
   {"type": "event", "event": {"event": "read", "messageId": "...", "type": "event"}}
 A frame that cannot be decoded is left out with an error line on standard error.
@@ -471,10 +493,10 @@ Ctrl-C (or SIGTERM) closes the connection with code 1000 and exits with 0; a con
 the service closes or that fails exits with 3.
 
 )" + std::string(kGlobalOptions));
-  inboxWatch->add_flag("--raw", watch.raw, "the frames themselves (required)")
+  inboxWatch->add_flag("--raw", watch.raw, "the socket's frames themselves, not the live inbox")
       ->disable_flag_override();
   inboxWatch->add_option("--keep-alive", watch.keepAlive,
-                         "seconds between keep-alive messages (default 300)")
+                         "with --raw: seconds between keep-alive messages (default 300)")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.05, 86400.0));
 }
@@ -654,9 +676,14 @@ int dispatch(CommandLine& line, cli::Context& context) {
     auto request = line.inboxRequest;
     request.kind = kind;
     if (!line.inboxLimit.empty()) request.limit = std::stoll(line.inboxLimit);
-    return platform::blockOn(cli::inbox(std::move(request), context));
+    return cli::inbox(std::move(request), context);
   }
-  if (line.inboxWatch->parsed()) return cli::watchInbox(line.watch, context);
+  if (line.inboxWatch->parsed()) {
+    if (!line.watch.raw && line.inboxWatch->count("--keep-alive") > 0)
+      throw cli::UsageError("inbox watch takes --keep-alive with --raw only (the live inbox keeps "
+                            "its socket alive itself)");
+    return cli::watchInbox(line.watch, context);
+  }
   if (line.brand->parsed()) return platform::blockOn(cli::brand(line.brandId, context));
   for (const auto& [command, kind] : line.preferenceCommands) {
     if (!command->parsed()) continue;

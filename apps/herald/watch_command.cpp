@@ -1,6 +1,6 @@
 // `herald inbox watch --raw`: the signed-in user's realtime socket as it is, one JSON line per
 // frame on standard output, until SIGINT or SIGTERM (which close the connection with 1000) or
-// until the connection ends.
+// until the connection ends. Without --raw the watch is the live inbox (live_watch.cpp).
 
 #include <boost/asio/signal_set.hpp>
 #include <chrono>
@@ -46,8 +46,10 @@ std::string describe(platform::WebSocketCloseCode code, const std::optional<std:
 }  // namespace
 
 int watchInbox(const WatchRequest& request, Context& context) {
-  if (!request.raw)
-    throw UsageError("inbox watch shows the socket's frames as they arrive and needs --raw");
+  return request.raw ? watchRawInbox(request, context) : watchLiveInbox(request, context);
+}
+
+int watchRawInbox(const WatchRequest& request, Context& context) {
   const auto session = platform::blockOn(resumeSession(context));
   if (!session.client) return session.status;
 

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
@@ -40,6 +41,7 @@ pid_t spawn(const std::vector<std::string>& argv, int in, int out, int err) {
   const pid_t pid = ::fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
+    ::signal(SIGPIPE, SIG_DFL);
     if (in >= 0) ::dup2(in, 0);
     if (out >= 0) ::dup2(out, 1);
     if (err >= 0) ::dup2(err, 2);
@@ -132,7 +134,7 @@ int openOutput(const std::string& path) {
 
 }  // namespace
 
-Background::Background(const std::vector<std::string>& argv) {
+Background::Background(const std::vector<std::string>& argv, bool withInput) {
   static int made = 0;
   const auto stem = std::string(::getenv("TMPDIR") ? ::getenv("TMPDIR") : "/tmp") +
                     "/herald-background-" + std::to_string(::getpid()) + "-" +
@@ -140,7 +142,14 @@ Background::Background(const std::vector<std::string>& argv) {
   outPath_ = stem + ".out";
   errPath_ = stem + ".err";
   const int out = openOutput(outPath_), err = openOutput(errPath_);
-  const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  int in = -1;
+  if (withInput) {
+    Pipe input;
+    in = std::exchange(input.fd[0], -1);
+    input_ = std::exchange(input.fd[1], -1);
+  } else {
+    in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
   pid_ = spawn(argv, in, out, err);
   ::close(in);
   ::close(out);
@@ -148,6 +157,7 @@ Background::Background(const std::vector<std::string>& argv) {
 }
 
 Background::~Background() {
+  if (input_ >= 0) ::close(input_);
   if (pid_ > 0) {
     ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
@@ -157,6 +167,15 @@ Background::~Background() {
 }
 
 std::string Background::out() const { return readWhole(outPath_); }
+
+bool Background::write(const std::string& text) {
+  if (input_ < 0) return false;
+  // A program that has ended makes the write fail (EPIPE) instead of killing the test; the
+  // children get the default back (spawn). Commands are short: the pipe takes them whole.
+  static const bool ignored = (std::signal(SIGPIPE, SIG_IGN), true);
+  (void)ignored;
+  return ::write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
 std::string Background::err() const { return readWhole(errPath_); }
 
 bool Background::waitForOutput(const std::string& text, std::chrono::milliseconds limit) const {

@@ -37,7 +37,8 @@ Finished run(const std::vector<std::string>& argv, const std::string& input = {}
 ///   const auto finished = watch.stop(SIGINT);
 class Background {
  public:
-  explicit Background(const std::vector<std::string>& argv);
+  /// With `withInput`, standard input is a pipe that `write` feeds; else /dev/null.
+  explicit Background(const std::vector<std::string>& argv, bool withInput = false);
   /// Kills the program if it still runs.
   ~Background();
   Background(const Background&) = delete;
@@ -45,6 +46,8 @@ class Background {
 
   std::string out() const;
   std::string err() const;
+  /// Writes `text` to the program's standard input; false when it cannot take it whole.
+  bool write(const std::string& text);
   /// Waits (at most `limit`) until standard output or error holds `text`.
   bool waitForOutput(const std::string& text, std::chrono::milliseconds limit = 10s) const;
   /// Sends `signal` (0: none) and waits (at most `limit`) for the program to end; killed
@@ -53,6 +56,7 @@ class Background {
 
  private:
   pid_t pid_ = -1;
+  int input_ = -1;
   std::string outPath_, errPath_;
 };
 
