@@ -217,7 +217,7 @@ TEST_F(LiveInbox, WatchShowsEveryChangeAndRunsTheCommandsOfItsInput) {
     EXPECT_TRUE(line.front() == '{' || line.starts_with("Herald Inbox Listener")) << line;
 }
 
-TEST_F(LiveInbox, CommandsFindAMessageBeyondTheFirstPageAndRefuseOneNowhere) {
+TEST_F(LiveInbox, CommandsFindAMessageBeyondTheFirstPage) {
   // 33 messages: the oldest is on the second page of 32.
   const auto oldest = addMessage("Oldest");
   for (int i = 0; i < 32; ++i) addMessage("m");
@@ -227,23 +227,29 @@ TEST_F(LiveInbox, CommandsFindAMessageBeyondTheFirstPageAndRefuseOneNowhere) {
             json::parse(R"({"event": "read", "messageId": ")" + oldest + "\"}"));
   f = run(herald({"--json", "inbox", "count"}));
   EXPECT_EQ(platform::parseJSON(f.out).at("unreadCount"), 32);
+}
 
-  // Nowhere: refused, and nothing sent.
+TEST_F(LiveInbox, CommandsRefuseAMessageFoundNowhereAndReportTheLoadsFailure) {
+  addMessage("Only");
   const auto sent = mutations().size();
-  f = run(herald({"inbox", "archive", "nope"}));
+  auto f = run(herald({"inbox", "archive", "nope"}));
   EXPECT_EQ(f.exitCode, 1);
   EXPECT_EQ(f.out, "");
   EXPECT_NE(f.err.find("no message nope in the inbox"), std::string::npos) << f.err;
   EXPECT_EQ(mutations().size(), sent);
 
-  // A service that refuses while the inbox loads: the load's refusal, nothing changed.
+  // A refused load is the service's refusal; a service out of reach is exit 3.
   ASSERT_EQ(call(sandbox_.url() + "/_sandbox/trouble", "POST",
                  R"({"path": "/inbox/q", "status": 500, "always": true})")
                 .status,
             200);
-  f = run(herald({"inbox", "read", oldest}));
+  f = run(herald({"inbox", "count"}));
   EXPECT_EQ(f.exitCode, 1);
   EXPECT_NE(f.err.find("could not load the inbox"), std::string::npos) << f.err;
+  EXPECT_NE(f.err.find("code 500"), std::string::npos) << f.err;
+  ASSERT_EQ(sandbox_.stop(), 0);
+  f = run(herald({"inbox", "count"}));
+  EXPECT_EQ(f.exitCode, 3) << f.err;
 }
 
 }  // namespace
