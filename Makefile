@@ -1,8 +1,9 @@
 # Thin wrapper over the CMake presets. Every goal installs what is missing first.
 #   make demo    the extension host on the bundled samples, against the local service
 #   make test    builds everything and runs every test, then the unit tests under sanitizers
+#                (asan: address and undefined behaviour; tsan: data races in the threaded parts)
 #   make bench   the benchmarks in bench/
-.PHONY: all bootstrap configure build test test-fast asan demo bench format clean
+.PHONY: all bootstrap configure build test test-fast asan tsan demo bench format clean
 
 WERROR := $(if $(CI),ON,OFF)
 
@@ -25,7 +26,15 @@ asan: bootstrap
 	@cmake --build --preset asan
 	@ctest --preset asan
 
-test: test-fast asan
+# Its integration tests start the local service of the default build (build/bin), which
+# needs no ThreadSanitizer of its own.
+tsan: configure
+	@cmake --build --preset default --target herald-sandbox
+	@cmake --preset tsan -DHERALD_WERROR=$(WERROR) >/dev/null
+	@cmake --build --preset tsan
+	@ctest --preset tsan
+
+test: test-fast asan tsan
 
 demo: build
 	@scripts/demo

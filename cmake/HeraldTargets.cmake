@@ -169,13 +169,18 @@ function(herald_write_package)
 endfunction()
 cmake_language(DEFER CALL herald_write_package)
 
-# herald_test(NAME LABEL unit|integration SOURCES ... DEPS ...): one GoogleTest executable.
-# Unit tests are also collected in the `unit_tests` target, which the sanitizer build makes.
+# herald_test(NAME LABEL unit|integration SOURCES ... DEPS ... [BIN_DIR DIR]): one GoogleTest
+# executable. Unit tests are also collected in the `unit_tests` target, which the sanitizer
+# build makes. Integration tests run the programs in HERALD_BIN_DIR: this build's bin/ unless
+# BIN_DIR names another build's.
 if(NOT TARGET unit_tests)
   add_custom_target(unit_tests)
 endif()
 function(herald_test name)
-  cmake_parse_arguments(ARG "" "LABEL" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;BIN_DIR" "SOURCES;DEPS" ${ARGN})
+  if(NOT ARG_BIN_DIR)
+    set(ARG_BIN_DIR ${CMAKE_BINARY_DIR}/bin)
+  endif()
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests ${CMAKE_SOURCE_DIR}/src)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock_main)
@@ -184,7 +189,7 @@ function(herald_test name)
     DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS ${ARG_LABEL} TIMEOUT 120
                # One value per property: discovered tests lose the escaping of a list.
-               ENVIRONMENT "HERALD_BIN_DIR=${CMAKE_BINARY_DIR}/bin"
+               ENVIRONMENT "HERALD_BIN_DIR=${ARG_BIN_DIR}"
                ENVIRONMENT_MODIFICATION "HERALD_SOURCE_DIR=set:${CMAKE_SOURCE_DIR}")
   if(ARG_LABEL STREQUAL "unit")
     add_dependencies(unit_tests ${name})
