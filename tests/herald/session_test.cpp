@@ -195,12 +195,15 @@ TEST(Session, TheFacadeGoesAwayWithItsLifeCycleObservers) {
   EXPECT_TRUE(platform::waitForIdle(std::chrono::seconds(5)));
   s.herald.reset();
   // A finished task's frame may let go of the facade a moment after the task was counted
-  // done, on a pool thread: the last reference decides when the observers go.
-  for (int i = 0; i < 500 && s.center.observerCount(
-                                 platform::applicationDidBecomeActiveNotification) != 0;
-       ++i)
+  // done, on a pool thread: the last reference decides when the observers go. Both must be
+  // gone before the center is, which the pool thread would otherwise still be changing.
+  const auto observers = [&] {
+    return s.center.observerCount(platform::applicationDidBecomeActiveNotification) +
+           s.center.observerCount(platform::applicationDidEnterBackgroundNotification);
+  };
+  for (int i = 0; i < 500 && observers() != 0; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_EQ(s.center.observerCount(platform::applicationDidBecomeActiveNotification), 0u);
+  ASSERT_EQ(observers(), 0u);
   // A notification after that finds nobody and does nothing.
   s.center.post(platform::applicationDidBecomeActiveNotification);
 }
