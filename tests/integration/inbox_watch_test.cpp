@@ -210,7 +210,22 @@ TEST_F(LiveInbox, WatchShowsEveryChangeAndRunsTheCommandsOfItsInput) {
   EXPECT_EQ(missing->at("error"), "read takes one message id");
   EXPECT_EQ(out.takePassed().size(), 3u);  // nothing but the answers
 
-  // Standard input closed: still watching. SIGINT ends it with 0, the socket closed.
+  // In the background the socket is closed and nothing arrives; back in the foreground the
+  // inbox loads again, with what came meanwhile.
+  ASSERT_TRUE(watch.write("background\n"));
+  ASSERT_TRUE(out.command("background")) << watch.out();
+  const auto meanwhile = addMessage("Meanwhile");
+  ASSERT_TRUE(watch.write("foreground\n"));
+  ASSERT_TRUE(out.command("foreground")) << watch.out();
+  const auto passed = out.takePassed();
+  EXPECT_EQ(passed, (Names{"background", "onLoading", "onFeedChanged", "onArchiveChanged",
+                           "onUnreadCountChanged", "foreground"}));
+  EXPECT_NE(watch.out().find(R"("ids":[")" + meanwhile + "\""), std::string::npos);
+
+  // The end of the input is not the end of the watch: news still arrive.
+  watch.closeInput();
+  addMessage("After the input");
+  ASSERT_TRUE(out.callback("onMessageAdded")) << watch.out();
   const auto finished = watch.stop(SIGINT);
   EXPECT_EQ(finished.exitCode, 0) << finished.err;
   for (const auto& line : lines(finished.out))

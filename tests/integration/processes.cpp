@@ -168,6 +168,10 @@ Background::~Background() {
 
 std::string Background::out() const { return readWhole(outPath_); }
 
+void Background::closeInput() {
+  if (input_ >= 0) ::close(std::exchange(input_, -1));
+}
+
 bool Background::write(const std::string& text) {
   if (input_ < 0) return false;
   // A program that has ended makes the write fail (EPIPE) instead of killing the test; the

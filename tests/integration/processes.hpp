@@ -48,6 +48,8 @@ class Background {
   std::string err() const;
   /// Writes `text` to the program's standard input; false when it cannot take it whole.
   bool write(const std::string& text);
+  /// Ends the program's standard input.
+  void closeInput();
   /// Waits (at most `limit`) until standard output or error holds `text`.
   bool waitForOutput(const std::string& text, std::chrono::milliseconds limit = 10s) const;
   /// Sends `signal` (0: none) and waits (at most `limit`) for the program to end; killed
