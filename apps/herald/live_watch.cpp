@@ -65,7 +65,7 @@ json::object setLine(std::string_view callback, const herald::InboxMessageSet& s
   return line;
 }
 
-// {first: key, "message"/"error", "type", "code"}, the first key leading the line.
+// `line` with the failure's message under `messageKey`, then its type and code.
 json::object errorLine(json::object line, std::string_view messageKey, const Failure& failure) {
   line[messageKey] = failure.message;
   line["type"] = failure.type ? json::value(*failure.type) : json::value(nullptr);
