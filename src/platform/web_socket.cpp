@@ -8,10 +8,12 @@
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/execution/outstanding_work.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/prefer.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -673,9 +675,22 @@ void WebSocketDelegate::didOpen(WebSocketTask&, const std::optional<std::string>
 void WebSocketDelegate::didClose(WebSocketTask&, WebSocketCloseCode,
                                  const std::optional<std::string>&) {}
 
+namespace {
+
+// The awaiting coroutine's executor, counting as work of its context until the completion that
+// holds it is gone. Without that, a context run until it runs out of work could return, and be
+// destroyed, while this thread is still inside the post that hands it the result.
+template <class Handler>
+auto trackedExecutor(const Handler& handler) {
+  return asio::prefer(asio::get_associated_executor(handler),
+                      asio::execution::outstanding_work.tracked);
+}
+
+}  // namespace
+
 boost::asio::awaitable<WebSocketMessage> WebSocketTask::receive() {
   auto initiation = [this](auto handler) {
-    auto executor = asio::get_associated_executor(handler);
+    auto executor = trackedExecutor(handler);
     auto shared = std::make_shared<decltype(handler)>(std::move(handler));
     receive(WebSocketReceiveCompletion(
         [shared, executor](std::optional<WebSocketMessage> message, std::optional<Error> error) {
@@ -695,7 +710,7 @@ boost::asio::awaitable<WebSocketMessage> WebSocketTask::receive() {
 
 boost::asio::awaitable<void> WebSocketTask::send(std::string text) {
   auto initiation = [this](auto handler, std::string text) {
-    auto executor = asio::get_associated_executor(handler);
+    auto executor = trackedExecutor(handler);
     auto shared = std::make_shared<decltype(handler)>(std::move(handler));
     send(std::move(text), WebSocketSendCompletion([shared, executor](std::optional<Error> error) {
            asio::dispatch(executor, [shared, error = std::move(error)]() mutable {
