@@ -1,5 +1,6 @@
 #include "live_inbox.hpp"
 
+#include <array>
 #include <optional>
 
 #include "herald/herald.hpp"
@@ -25,7 +26,9 @@ awaitable<herald::InboxMessagePtr> findMessage(std::string messageId) {
   while (true) {
     const auto data = co_await herald.inboxModule()->snapshot();
     if (!data) co_return nullptr;
-    for (const auto* set : {&data->feed, &data->archived}) {
+    // An array, not a braced list: GCC 12 mishandles initializer lists in coroutines.
+    const std::array sets{&data->feed, &data->archived};
+    for (const auto* set : sets) {
       for (const auto& message : set->messages)
         if (message->messageId == messageId) co_return message;
     }

@@ -100,10 +100,12 @@ class InboxRepository {
   /// failure.
   boost::asio::awaitable<std::shared_ptr<HeraldInboxData>> loadFirstPages(std::int64_t limit);
   /// A fresh socket for the signed-in client (the previous one closed), connected, subscribed
-  /// and kept alive every 300 s. New messages go to `onMessage`, events to `onEvent`, both on
-  /// the web-socket thread. Throws "Herald Inbox is not initialized" without a client.
+  /// and kept alive every 300 s. New messages go to `onMessage`, events to `onEvent`, a
+  /// failure of the connection once it is up to `onFailure`, all on the web-socket thread.
+  /// Throws "Herald Inbox is not initialized" without a client.
   boost::asio::awaitable<void> connectSocket(std::function<void(InboxMessagePtr)> onMessage,
-                                             std::function<void(MessageEvent)> onEvent);
+                                             std::function<void(MessageEvent)> onEvent,
+                                             std::function<void(HeraldError)> onFailure);
   boost::asio::awaitable<void> closeSocket();
 
   /// The page after `current` of the named list, or none when nothing is to be asked: the
@@ -115,8 +117,10 @@ class InboxRepository {
   /// Forgets the paging flags (a restart of the inbox).
   boost::asio::awaitable<void> resetPaging();
 
-  /// Tells the service of one change; `trackingId` is the click's. Throws the refusal.
-  boost::asio::awaitable<void> send(InboxEventType event, std::string messageId,
+  /// Tells the service of one change through `client`; `trackingId` is the click's. Throws
+  /// the refusal.
+  boost::asio::awaitable<void> send(std::shared_ptr<HeraldClient> client, InboxEventType event,
+                                    std::string messageId,
                                     std::optional<std::string> trackingId);
 
   InboxSocketManager& socketManager() { return socketManager_; }
@@ -172,12 +176,25 @@ class InboxModule : public std::enable_shared_from_this<InboxModule> {
 
   // ---- changes ---------------------------------------------------------------------------
 
+  /// Who asked for a change.
+  enum class Origin {
+    /// The application: the change is always sent to the service.
+    application,
+    /// An event of the realtime socket, a change made on another device: it is sent back to
+    /// the service only when it changed something here, so that two live devices of one user
+    /// do not echo each other's changes without end.
+    otherDevice
+  };
+
   /// Applies `event` to the message here, tells the listeners, then tells the service; when
   /// the service refuses, exactly this change is undone (the listeners told again) and the
   /// refusal thrown. A message in neither list ends quietly, without a request.
-  boost::asio::awaitable<void> change(std::string messageId, InboxEventType event);
+  boost::asio::awaitable<void> change(std::string messageId, InboxEventType event,
+                                      Origin origin = Origin::application);
   /// Marks every unread message of both lists read (count 0), then tells the service.
-  boost::asio::awaitable<void> readAll();
+  boost::asio::awaitable<void> readAll(Origin origin = Origin::application);
+  /// Runs an event of the realtime socket as the operation it names.
+  boost::asio::awaitable<void> apply(MessageEvent event);
   /// A message that arrived on the socket: at the top of the feed, the count one higher.
   boost::asio::awaitable<void> insertArrived(InboxMessagePtr message);
 
@@ -187,11 +204,14 @@ class InboxModule : public std::enable_shared_from_this<InboxModule> {
 
   // Bodies that run on the strand.
   boost::asio::awaitable<void> startHere(const HeraldInboxListener* alreadyLoading);
-  boost::asio::awaitable<void> checkReady() const;
+  /// The signed-in client, or "No user signed in" / "Herald Inbox is not initialized".
+  boost::asio::awaitable<std::shared_ptr<HeraldClient>> checkReady() const;
   void arrive(InboxMessagePtr message);
   void insertHere(InboxMessagePtr message);
-  Undo apply(InboxMessageFeed feed, std::size_t index, InboxEventType event);
+  Undo applyHere(InboxMessageFeed feed, std::size_t index, InboxEventType event);
+  void notifyFailure(HeraldError error);
   void undoChange(const Undo& undo);
+  static std::size_t returnIndex(const InboxMessageSet& feed, const Undo& undo);
 
   // One main-queue work item per listener, in registration order.
   template <class Call>

@@ -1,6 +1,8 @@
 #include "herald/inbox_module.hpp"
 
 #include <algorithm>
+#include <array>
+#include <boost/asio/post.hpp>
 #include <cstdio>
 
 #include "core/dates.hpp"
@@ -43,35 +45,6 @@ std::optional<std::size_t> indexOfSame(const InboxMessageSet& set, const InboxMe
   return std::nullopt;
 }
 
-// Runs one event of the realtime socket as the facade operation it names.
-awaitable<void> runEvent(Herald& herald, const MessageEvent& event) {
-  if (event.event == InboxEventType::markAllRead) {
-    co_await herald.readAllInboxMessages();
-    co_return;
-  }
-  if (!event.messageId) co_return;
-  const auto& id = *event.messageId;
-  switch (event.event) {
-    case InboxEventType::read:
-      co_await herald.readMessage(id);
-      break;
-    case InboxEventType::unread:
-      co_await herald.unreadMessage(id);
-      break;
-    case InboxEventType::opened:
-      co_await herald.openMessage(id);
-      break;
-    case InboxEventType::archive:
-      co_await herald.archiveMessage(id);
-      break;
-    case InboxEventType::click:
-      co_await herald.clickMessage(id);
-      break;
-    default:
-      break;
-  }
-}
-
 }  // namespace
 
 // ---- the listener ---------------------------------------------------------------------------
@@ -105,7 +78,11 @@ void HeraldInboxListener::load(std::shared_ptr<const HeraldInboxData> data) {
 }
 
 awaitable<void> HeraldInboxListener::remove() {
-  if (const auto module = module_.lock()) co_await module->removeListener(shared_from_this());
+  // Not declared in the condition: GCC 12 mishandles a variable with a destructor there in a
+  // coroutine.
+  const auto module = module_.lock();
+  auto self = shared_from_this();
+  if (module) co_await module->removeListener(std::move(self));
 }
 
 // ---- the module ------------------------------------------------------------------------------
@@ -266,23 +243,27 @@ awaitable<void> InboxModule::startHere(const HeraldInboxListener* alreadyLoading
 
     // Only a loaded inbox goes live. Arrivals from here on wait in `arrivals_` until the
     // state they belong to is stored.
+    // The handlers are named, not temporaries of the co_await: GCC 12 destroys such
+    // temporaries twice (here: each weak reference released twice, the module freed early).
     std::weak_ptr<InboxModule> weakSelf = weak_from_this();
-    std::weak_ptr<Herald> weakHerald = herald_;
-    co_await repo_.connectSocket(
-        [weakSelf](InboxMessagePtr message) {
-          if (const auto self = weakSelf.lock()) self->arrive(std::move(message));
-        },
-        [weakHerald](MessageEvent event) {
-          platform::spawnDetached([weakHerald, event = std::move(event)]() -> awaitable<void> {
-            const auto herald = weakHerald.lock();
-            if (!herald) co_return;
-            // What the operation throws stays here: the service already knows of the change.
-            try {
-              co_await runEvent(*herald, event);
-            } catch (const std::exception&) {
-            }
-          });
-        });
+    std::function<void(InboxMessagePtr)> onMessage = [weakSelf](InboxMessagePtr message) {
+      if (const auto self = weakSelf.lock()) self->arrive(std::move(message));
+    };
+    std::function<void(MessageEvent)> onEvent = [weakSelf](MessageEvent event) {
+      platform::spawnDetached([weakSelf, event = std::move(event)]() -> awaitable<void> {
+        const auto self = weakSelf.lock();
+        if (!self) co_return;
+        // What the operation throws stays here: the service already knows of the change.
+        try {
+          co_await self->apply(event);
+        } catch (const std::exception&) {
+        }
+      });
+    };
+    std::function<void(HeraldError)> onFailure = [weakSelf](HeraldError error) {
+      if (const auto self = weakSelf.lock()) self->notifyFailure(std::move(error));
+    };
+    co_await repo_.connectSocket(std::move(onMessage), std::move(onEvent), std::move(onFailure));
 
     data_ = std::move(data);
     starting_ = false;
@@ -313,10 +294,12 @@ awaitable<void> InboxModule::stop() {
     co_await self->repo_.resetPaging();
     if (socket) {
       socket->options.log("Herald Shared Inbox Killed");
-    } else if (const auto herald = self->herald_.lock()) {
-      const auto client = co_await herald->client();
-      if (client) client->log("Herald Shared Inbox Killed");
+      co_return;
     }
+    const auto herald = self->herald_.lock();
+    if (!herald) co_return;
+    const auto client = co_await herald->client();
+    if (client) client->log("Herald Shared Inbox Killed");
   });
 }
 
@@ -402,17 +385,44 @@ void InboxModule::insertHere(InboxMessagePtr message) {
 
 // ---- changes ----------------------------------------------------------------------------------
 
-awaitable<void> InboxModule::checkReady() const {
-  const auto herald = herald_.lock();
-  if (!herald || !herald->isUserSignedIn()) throw HeraldError::noUserSignedIn();
-  const auto client = co_await herald->client();
-  if (!client) throw HeraldError::inboxNotInitialized();
+awaitable<void> InboxModule::apply(MessageEvent event) {
+  if (event.event == InboxEventType::markAllRead) {
+    co_await readAll(Origin::otherDevice);
+    co_return;
+  }
+  if (!event.messageId) co_return;
+  switch (event.event) {
+    case InboxEventType::read:
+    case InboxEventType::unread:
+    case InboxEventType::opened:
+    case InboxEventType::archive:
+    case InboxEventType::click:
+      co_await change(std::move(*event.messageId), event.event, Origin::otherDevice);
+      break;
+    default:
+      break;
+  }
 }
 
-awaitable<void> InboxModule::change(std::string messageId, InboxEventType event) {
-  return actor_.run([self = shared_from_this(), messageId = std::move(messageId),
-                     event]() -> awaitable<void> {
-    co_await self->checkReady();
+void InboxModule::notifyFailure(HeraldError error) {
+  boost::asio::post(actor_.strand(), [self = shared_from_this(), error = std::move(error)] {
+    self->notifyError(error);
+  });
+}
+
+awaitable<std::shared_ptr<HeraldClient>> InboxModule::checkReady() const {
+  const auto herald = herald_.lock();
+  if (!herald || !herald->isUserSignedIn()) throw HeraldError::noUserSignedIn();
+  auto client = co_await herald->client();
+  if (!client) throw HeraldError::inboxNotInitialized();
+  co_return client;
+}
+
+awaitable<void> InboxModule::change(std::string messageId, InboxEventType event,
+                                    Origin origin) {
+  return actor_.run([self = shared_from_this(), messageId = std::move(messageId), event,
+                     origin]() -> awaitable<void> {
+    const auto client = co_await self->checkReady();
     if (!self->data_) co_return;
     auto feed = InboxMessageFeed::feed;
     auto index = indexOf(self->data_->feed, messageId);
@@ -425,9 +435,10 @@ awaitable<void> InboxModule::change(std::string messageId, InboxEventType event)
     std::optional<std::string> trackingId;
     if (message->trackingIds) trackingId = message->trackingIds->clickTrackingId;
 
-    const auto undo = self->apply(feed, *index, event);
+    const auto undo = self->applyHere(feed, *index, event);
+    if (origin == Origin::otherDevice && undo.empty()) co_return;
     try {
-      co_await self->repo_.send(event, messageId, trackingId);
+      co_await self->repo_.send(client, event, messageId, trackingId);
     } catch (...) {
       self->undoChange(undo);
       throw;
@@ -435,15 +446,17 @@ awaitable<void> InboxModule::change(std::string messageId, InboxEventType event)
   });
 }
 
-awaitable<void> InboxModule::readAll() {
-  return actor_.run([self = shared_from_this()]() -> awaitable<void> {
-    co_await self->checkReady();
+awaitable<void> InboxModule::readAll(Origin origin) {
+  return actor_.run([self = shared_from_this(), origin]() -> awaitable<void> {
+    const auto client = co_await self->checkReady();
     Undo undo;
     undo.generation = self->generation_;
     if (self->data_) {
       auto& data = *self->data_;
       const auto now = nowText();
-      for (const auto feed : {InboxMessageFeed::feed, InboxMessageFeed::archived}) {
+      // An array, not a braced list: GCC 12 mishandles initializer lists in coroutines.
+      constexpr std::array feeds{InboxMessageFeed::feed, InboxMessageFeed::archived};
+      for (const auto feed : feeds) {
         auto& messages = data.messageSet(feed).messages;
         for (std::size_t i = 0; i < messages.size(); ++i) {
           if (messages[i]->isRead()) continue;
@@ -458,8 +471,9 @@ awaitable<void> InboxModule::readAll() {
       data.unreadCount = 0;
       self->postUnreadCount();
     }
+    if (origin == Origin::otherDevice && undo.empty()) co_return;
     try {
-      co_await self->repo_.send(InboxEventType::markAllRead, {}, std::nullopt);
+      co_await self->repo_.send(client, InboxEventType::markAllRead, std::string(), std::nullopt);
     } catch (...) {
       self->undoChange(undo);
       throw;
@@ -467,8 +481,8 @@ awaitable<void> InboxModule::readAll() {
   });
 }
 
-InboxModule::Undo InboxModule::apply(InboxMessageFeed feed, std::size_t index,
-                                     InboxEventType event) {
+InboxModule::Undo InboxModule::applyHere(InboxMessageFeed feed, std::size_t index,
+                                         InboxEventType event) {
   auto& data = *data_;
   Undo undo;
   undo.generation = generation_;
@@ -554,6 +568,28 @@ InboxModule::Undo InboxModule::apply(InboxMessageFeed feed, std::size_t index,
   return undo;
 }
 
+// Where an archived message goes back to in the feed: between the neighbours it had, wherever
+// they are now; without them, before the first message that is not newer (the feed is newest
+// first); without a creation time, where it was.
+std::size_t InboxModule::returnIndex(const InboxMessageSet& feed, const Undo& undo) {
+  const auto& moved = *undo.moved;
+  if (moved.precedingId) {
+    if (const auto preceding = indexOf(feed, *moved.precedingId)) return *preceding + 1;
+  }
+  if (moved.followingId) {
+    if (const auto following = indexOf(feed, *moved.followingId)) return *following;
+  }
+  const auto& messages = feed.messages;
+  if (moved.before->created) {
+    const auto when = moved.before->timestamp();
+    const auto older = std::find_if(messages.begin(), messages.end(), [&](const auto& m) {
+      return m->created && m->timestamp() <= when;
+    });
+    return static_cast<std::size_t>(older - messages.begin());
+  }
+  return std::min(moved.index, messages.size());
+}
+
 void InboxModule::undoChange(const Undo& undo) {
   // After a restart or a stop the state is another one: nothing of this change is in it.
   if (undo.empty() || undo.generation != generation_ || !data_) return;
@@ -576,17 +612,8 @@ void InboxModule::undoChange(const Undo& undo) {
                                    static_cast<std::ptrdiff_t>(*index));
       data.archived.totalCount = std::max<std::int64_t>(0, data.archived.totalCount - 1);
       postRemoved(InboxMessageFeed::archived, *index, moved.after);
-      // Back between the neighbours it had, wherever they are now.
+      const auto at = returnIndex(data.feed, undo);
       auto& messages = data.feed.messages;
-      std::size_t at = std::min(moved.index, messages.size());
-      if (const auto preceding = moved.precedingId ? indexOf(data.feed, *moved.precedingId)
-                                                   : std::optional<std::size_t>()) {
-        at = *preceding + 1;
-      } else if (const auto following = moved.followingId
-                                            ? indexOf(data.feed, *moved.followingId)
-                                            : std::optional<std::size_t>()) {
-        at = *following;
-      }
       messages.insert(messages.begin() + static_cast<std::ptrdiff_t>(at), moved.before);
       data.feed.totalCount += 1;
       postAdded(InboxMessageFeed::feed, at, moved.before);

@@ -1,4 +1,6 @@
 #include <boost/asio/experimental/awaitable_operators.hpp>
+#include <boost/asio/multiple_exceptions.hpp>
+#include <tuple>
 
 #include "herald/herald.hpp"
 #include "herald/inbox_client.hpp"
@@ -12,6 +14,18 @@ using awaitable = boost::asio::awaitable<T>;
 
 constexpr std::int64_t subscriptionVersion = 5;
 constexpr double keepAliveInterval = 300;
+
+// `a && b && c` nests: the first of several failures may itself be several.
+[[noreturn]] void rethrowFirst(const boost::asio::multiple_exceptions& several) {
+  auto first = several.first_exception();
+  for (;;) {
+    try {
+      std::rethrow_exception(first);
+    } catch (const boost::asio::multiple_exceptions& nested) {
+      first = nested.first_exception();
+    }
+  }
+}
 
 }  // namespace
 
@@ -35,8 +49,15 @@ awaitable<std::shared_ptr<HeraldInboxData>> InboxRepository::loadFirstPages(std:
   auto feedLoad = inbox->getMessages(limit, std::nullopt);
   auto archiveLoad = inbox->getArchivedMessages(limit, std::nullopt);
   auto countLoad = inbox->getUnreadMessageCount();
-  auto [feed, archived, count] =
-      co_await (std::move(feedLoad) && std::move(archiveLoad) && std::move(countLoad));
+  // When one fails the others are cancelled, and may fail too: the caller hears the first.
+  auto all = std::move(feedLoad) && std::move(archiveLoad) && std::move(countLoad);
+  std::tuple<InboxResponse, InboxResponse, std::int64_t> loaded;
+  try {
+    loaded = co_await std::move(all);
+  } catch (const boost::asio::multiple_exceptions& e) {
+    rethrowFirst(e);
+  }
+  auto& [feed, archived, count] = loaded;
   auto data = std::make_shared<HeraldInboxData>();
   data->feed = InboxMessageSet::fromData(feed.data.value_or(InboxData{}));
   data->archived = InboxMessageSet::fromData(archived.data.value_or(InboxData{}));
@@ -45,12 +66,17 @@ awaitable<std::shared_ptr<HeraldInboxData>> InboxRepository::loadFirstPages(std:
 }
 
 awaitable<void> InboxRepository::connectSocket(std::function<void(InboxMessagePtr)> onMessage,
-                                               std::function<void(MessageEvent)> onEvent) {
+                                               std::function<void(MessageEvent)> onEvent,
+                                               std::function<void(HeraldError)> onFailure) {
   const auto client = co_await signedInClient();
   const auto socket = co_await socketManager_.updateInstance(client->options);
   socket->receivedMessage = std::move(onMessage);
   socket->receivedMessageEvent = [onEvent = std::move(onEvent)](const MessageEvent& event) {
     onEvent(event);
+  };
+  // A connection that fails once it is up (a reset, silence) ends the live inbox: say so.
+  socket->onError = [onFailure = std::move(onFailure)](const platform::Error& error) {
+    onFailure(HeraldError(error));
   };
   co_await socket->connect();
   co_await socket->sendSubscribe(subscriptionVersion);
@@ -65,36 +91,39 @@ awaitable<std::optional<InboxMessageSet>> InboxRepository::fetchNextPage(
   const auto herald = herald_.lock();
   if (!herald || !herald->isUserSignedIn()) throw HeraldError::noUserSignedIn();
   const auto client = co_await signedInClient();
-  co_return co_await actor_.run(
-      [this, client, feed, canPaginate, cursor = std::move(cursor),
-       limit]() -> awaitable<std::optional<InboxMessageSet>> {
-        bool& paging = feed == InboxMessageFeed::feed ? isPagingFeed_ : isPagingArchived_;
-        if (!canPaginate || paging) co_return std::nullopt;
-        paging = true;
-        const auto inbox = client->inbox();
-        InboxResponse response;
-        if (feed == InboxMessageFeed::feed)
-          response = co_await inbox->getMessages(limit, cursor);
-        else
-          response = co_await inbox->getArchivedMessages(limit, cursor);
-        // Cleared only on success: after a failure this list asks for no more pages until
-        // the inbox restarts, rather than hammering a service that just refused.
-        paging = false;
-        co_return InboxMessageSet::fromData(response.data.value_or(InboxData{}));
-      });
+  // A named body, not a temporary inside the co_await: GCC 12 destroys such temporaries
+  // twice.
+  auto body = [this, client, feed, canPaginate, cursor = std::move(cursor),
+               limit]() -> awaitable<std::optional<InboxMessageSet>> {
+    bool& paging = feed == InboxMessageFeed::feed ? isPagingFeed_ : isPagingArchived_;
+    if (!canPaginate || paging) co_return std::nullopt;
+    paging = true;
+    const auto inbox = client->inbox();
+    InboxResponse response;
+    if (feed == InboxMessageFeed::feed)
+      response = co_await inbox->getMessages(limit, cursor);
+    else
+      response = co_await inbox->getArchivedMessages(limit, cursor);
+    // Cleared only on success: after a failure this list asks for no more pages until the
+    // inbox restarts, rather than asking again a service that just refused.
+    paging = false;
+    co_return InboxMessageSet::fromData(response.data.value_or(InboxData{}));
+  };
+  auto page = co_await actor_.run(std::move(body));
+  co_return page;
 }
 
 awaitable<void> InboxRepository::resetPaging() {
-  co_await actor_.run([this]() -> awaitable<void> {
+  return actor_.run([this]() -> awaitable<void> {
     isPagingFeed_ = false;
     isPagingArchived_ = false;
     co_return;
   });
 }
 
-awaitable<void> InboxRepository::send(InboxEventType event, std::string messageId,
+awaitable<void> InboxRepository::send(std::shared_ptr<HeraldClient> client, InboxEventType event,
+                                      std::string messageId,
                                       std::optional<std::string> trackingId) {
-  const auto client = co_await signedInClient();
   const auto inbox = client->inbox();
   switch (event) {
     case InboxEventType::read:

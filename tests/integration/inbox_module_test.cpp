@@ -1,0 +1,487 @@
+// The live inbox against the local service: how it starts, what each change does here and on
+// the wire, what the realtime socket brings, and how a refused change is undone.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "herald/endpoints.hpp"
+#include "herald/herald.hpp"
+#include "herald/inbox_client.hpp"
+#include "herald/inbox_module.hpp"
+#include "integration/processes.hpp"
+#include "platform/executor.hpp"
+#include "platform/json.hpp"
+#include "platform/main_queue.hpp"
+#include "platform/notification_center.hpp"
+#include "platform/paths.hpp"
+#include "platform/user_defaults.hpp"
+
+namespace {
+
+using namespace integration;
+namespace json = boost::json;
+using herald::InboxMessageFeed;
+using Clock = std::chrono::steady_clock;
+
+std::string name(InboxMessageFeed feed) {
+  return feed == InboxMessageFeed::feed ? "feed" : "archived";
+}
+
+// "m3{ro}": the id, then r, o, a for read, opened, archived.
+std::string describe(const herald::InboxMessage& m) {
+  std::string text = m.messageId + "{";
+  if (m.isRead()) text += "r";
+  if (m.isOpened()) text += "o";
+  if (m.isArchived()) text += "a";
+  return text + "}";
+}
+
+std::string describe(const herald::InboxMessageSet& set) {
+  std::string text = "[";
+  for (const auto& m : set.messages) text += (text.size() > 1 ? " " : "") + describe(*m);
+  return text + "]";
+}
+
+// What one listener heard, a line per callback; touched on the main queue only, which the
+// test's thread runs. The lines outlive the test: a callback posted late writes into them,
+// not into a finished test's stack.
+struct Heard {
+  std::shared_ptr<std::vector<std::string>> heard = std::make_shared<std::vector<std::string>>();
+  std::vector<std::string>& lines = *heard;
+
+  herald::HeraldInboxListener::Callbacks callbacks() {
+    auto add = [heard = heard](std::string line) { heard->push_back(std::move(line)); };
+    auto message = [add](std::string what) {
+      return [add, what](InboxMessageFeed feed, std::int64_t index,
+                         const herald::InboxMessagePtr& m) {
+        add(what + " " + name(feed) + " " + std::to_string(index) + " " + describe(*m));
+      };
+    };
+    return {
+        .onLoading = [add] { add("loading"); },
+        .onError = [add](const herald::HeraldError& e) { add("error " + e.message); },
+        .onUnreadCountChanged = [add](std::int64_t n) { add("count " + std::to_string(n)); },
+        .onFeedChanged = [add](const herald::InboxMessageSet& s) { add("feed " + describe(s)); },
+        .onArchiveChanged =
+            [add](const herald::InboxMessageSet& s) { add("archive " + describe(s)); },
+        .onPageAdded =
+            [add](InboxMessageFeed feed, const herald::InboxMessageSet& page) {
+              add("page " + name(feed) + " " + describe(page));
+            },
+        .onMessageChanged = message("changed"),
+        .onMessageAdded = message("added"),
+        .onMessageRemoved = message("removed"),
+    };
+  }
+  /// Runs the main queue until `count` lines are in (at most 10 s).
+  bool waitFor(std::size_t count) {
+    return platform::MainQueue::shared().runUntil([&] { return lines.size() >= count; },
+                                                  std::chrono::seconds(10));
+  }
+  /// The lines from `from` on.
+  std::vector<std::string> since(std::size_t from) const {
+    return {lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())),
+            lines.end()};
+  }
+};
+
+class InboxModuleTest : public ::testing::Test {
+ protected:
+  InboxModuleTest()
+      : folder_(makeFolder()),
+        defaults_(folder_ / "defaults.json"),
+        users_(defaults_),
+        herald_(herald::Herald::create(users_, center_)) {
+    herald::Endpoints::setCurrent(herald::Endpoints::localService(sandbox_.url()));
+  }
+  ~InboxModuleTest() override {
+    platform::blockOn(herald_->signOut());
+    platform::waitForIdle(std::chrono::seconds(5));
+    platform::MainQueue::shared().runFor(std::chrono::milliseconds(20));
+    herald::Endpoints::setCurrent(std::nullopt);
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+
+  static std::filesystem::path makeFolder() {
+    std::string pattern = (platform::temporaryDirectory() / "herald-inbox-XXXXXX").string();
+    return ::mkdtemp(pattern.data());
+  }
+
+  std::string url(const std::string& path) const { return sandbox_.url() + path; }
+  std::string tokenFor(const std::string& user) const {
+    const auto minted = call(url("/_sandbox/users/" + user + "/token"), "POST");
+    EXPECT_EQ(minted.status, 200) << minted.body;
+    return std::string(minted.object().at("jwt").as_string());
+  }
+  void signIn(const std::string& user) {
+    platform::blockOn(herald_->signIn(user, std::nullopt, tokenFor(user), std::nullopt, false));
+  }
+  std::string addMessage(const std::string& user, const std::string& title) const {
+    const auto added = call(url("/_sandbox/users/" + user + "/messages"), "POST",
+                            platform::toJSON(json::object{{"title", title}}));
+    EXPECT_EQ(added.status, 200) << added.body;
+    return std::string(added.object().at("messageId").as_string());
+  }
+  // Trouble for the next matching requests to the inbox's GraphQL endpoint.
+  void trouble(json::object rule) const {
+    rule["path"] = "/inbox/q";
+    const auto set = call(url("/_sandbox/trouble"), "POST", platform::toJSON(rule));
+    ASSERT_EQ(set.status, 200) << set.body;
+  }
+  void clearJournal() const { call(url("/_sandbox/requests"), "DELETE"); }
+  // The inbox requests of the journal: the GraphQL operation's first line, trimmed.
+  std::vector<json::object> inboxRequests() const {
+    std::vector<json::object> out;
+    for (const auto& entry : sandbox_.journal()) {
+      const auto& e = entry.as_object();
+      if (e.at("path") == "/inbox/q") out.push_back(e);
+    }
+    return out;
+  }
+  static std::string queryOf(const json::object& entry) {
+    const auto body = platform::parseJSON(std::string(entry.at("body").as_string()));
+    return std::string(body.as_object().at("query").as_string());
+  }
+  std::vector<std::string> mutations() const {
+    std::vector<std::string> out;
+    for (const auto& e : inboxRequests()) {
+      auto query = queryOf(e);
+      if (query.find("mutation") == std::string::npos) continue;
+      const auto start = query.find('{') + 1;
+      query = query.substr(start, query.rfind('}') - start);
+      query.erase(std::remove(query.begin(), query.end(), ' '), query.end());
+      query.erase(std::remove(query.begin(), query.end(), '\n'), query.end());
+      out.push_back(query);
+    }
+    return out;
+  }
+  // Bounded: until the service counts `n` subscribed connections.
+  bool waitForSubscribed(std::size_t n) const {
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    for (;;) {
+      const auto all = call(url("/_sandbox/realtime")).object().at("connections").as_array();
+      const auto subscribed = std::count_if(all.begin(), all.end(), [](const json::value& c) {
+        return c.as_object().at("subscribed") == true;
+      });
+      if (static_cast<std::size_t>(subscribed) == n) return true;
+      if (Clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+  std::shared_ptr<herald::HeraldInboxListener> listen(Heard& heard) {
+    return platform::blockOn(herald_->addInboxListener(heard.callbacks()));
+  }
+  std::vector<std::string> ids(const std::vector<herald::InboxMessagePtr>& messages) const {
+    std::vector<std::string> out;
+    for (const auto& m : messages) out.push_back(describe(*m));
+    return out;
+  }
+
+  Sandbox sandbox_;
+  std::filesystem::path folder_;
+  platform::UserDefaults defaults_;
+  herald::UserManager users_;
+  platform::NotificationCenter center_;
+  std::shared_ptr<herald::Herald> herald_;
+};
+
+using Lines = std::vector<std::string>;
+
+TEST_F(InboxModuleTest, StartsWithThreeLoadsAtOnceThenTheSocketAndHandsTheStateToLateListeners) {
+  EXPECT_EQ(platform::blockOn(herald_->inboxPaginationLimit()), 32);
+  platform::blockOn(herald_->setPaginationLimit(500));
+  EXPECT_EQ(platform::blockOn(herald_->inboxPaginationLimit()), 100);
+  platform::blockOn(herald_->setPaginationLimit(0));
+  EXPECT_EQ(platform::blockOn(herald_->inboxPaginationLimit()), 1);
+  platform::blockOn(herald_->setPaginationLimit(2));
+
+  const auto m1 = addMessage("ada", "one");
+  const auto m2 = addMessage("ada", "two");
+  const auto m3 = addMessage("ada", "three");
+  signIn("ada");
+  clearJournal();
+  trouble({{"delay", 0.3}, {"times", 3}});
+
+  Heard first;
+  listen(first);
+  ASSERT_TRUE(first.waitFor(4));
+  EXPECT_EQ(first.lines, (Lines{"loading", "feed [" + m3 + "{} " + m2 + "{}]", "archive []",
+                                "count 3"}));
+  // All three were received before the first was answered; the socket came after them.
+  const auto loads = inboxRequests();
+  ASSERT_EQ(loads.size(), 3u);
+  double lastReceived = 0, firstAnswered = 1e300;
+  for (const auto& load : loads) {
+    lastReceived = std::max(lastReceived, load.at("received").to_number<double>());
+    firstAnswered = std::min(firstAnswered, load.at("answered").to_number<double>());
+  }
+  EXPECT_LT(lastReceived, firstAnswered);
+  ASSERT_TRUE(waitForSubscribed(1));
+  const auto journal = sandbox_.journal();
+  const auto upgrade = std::find_if(journal.begin(), journal.end(), [](const json::value& e) {
+    return std::string_view(e.as_object().at("path").as_string()).starts_with("/realtime");
+  });
+  ASSERT_NE(upgrade, journal.end());
+  EXPECT_GE(upgrade->as_object().at("received").to_number<double>(), firstAnswered);
+
+  // A second listener is handed the state as it stands, without a request.
+  clearJournal();
+  Heard second;
+  listen(second);
+  ASSERT_TRUE(second.waitFor(4));
+  EXPECT_EQ(second.lines, first.lines);
+  EXPECT_TRUE(inboxRequests().empty());
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->listenerCount()), 2u);
+  (void)m1;
+}
+
+TEST_F(InboxModuleTest, ListenerWithNobodySignedInHearsTheErrorStaysAndFollowsTheSession) {
+  Heard heard;
+  const auto listener = listen(heard);
+  ASSERT_TRUE(heard.waitFor(2));
+  EXPECT_EQ(heard.lines, (Lines{"loading", "error No user signed in"}));
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->listenerCount()), 1u);
+  EXPECT_TRUE(platform::blockOn(herald_->feedMessages()).empty());
+  EXPECT_THROW(platform::blockOn(herald_->readMessage("m1")), herald::HeraldError);
+
+  // Signing in loads the inbox for the listener that waited.
+  const auto id = addMessage("ada", "hello");
+  signIn("ada");
+  ASSERT_TRUE(heard.waitFor(6));
+  EXPECT_EQ(heard.since(2), (Lines{"loading", "feed [" + id + "{}]", "archive []", "count 1"}));
+  ASSERT_TRUE(waitForSubscribed(1));
+
+  // Signing out closes the socket and drops the state; the listener stays.
+  platform::blockOn(herald_->signOut());
+  EXPECT_TRUE(waitForSubscribed(0));
+  EXPECT_TRUE(platform::blockOn(herald_->feedMessages()).empty());
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->listenerCount()), 1u);
+  platform::blockOn(listener->remove());
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->listenerCount()), 0u);
+}
+
+TEST_F(InboxModuleTest, EachOperationChangesTheStateHereAndSendsItsMutation) {
+  const auto a = addMessage("ada", "a");
+  const auto b = addMessage("ada", "b");
+  const auto c = addMessage("ada", "c");
+  signIn("ada");
+  Heard heard;
+  listen(heard);
+  ASSERT_TRUE(heard.waitFor(4));
+  clearJournal();
+
+  platform::blockOn(herald_->readMessage(b));
+  platform::blockOn(herald_->readMessage(b));  // already read: no change here, still sent
+  platform::blockOn(herald_->openMessage(b));
+  platform::blockOn(herald_->unreadMessage(b));
+  platform::blockOn(herald_->clickMessage(c));
+  platform::blockOn(herald_->archiveMessage(c));  // unread: read on its way
+  platform::blockOn(herald_->readMessage("nobody"));  // in neither list: nothing at all
+  ASSERT_TRUE(heard.waitFor(4 + 9));
+  EXPECT_EQ(heard.since(4), (Lines{
+                                "changed feed 1 " + b + "{r}",
+                                "count 2",
+                                "changed feed 1 " + b + "{ro}",
+                                "changed feed 1 " + b + "{o}",
+                                "count 3",
+                                "changed feed 0 " + c + "{r}",
+                                "count 2",
+                                "removed feed 0 " + c + "{r}",
+                                "added archived 0 " + c + "{ra}",
+                            }));
+  const auto sent = mutations();
+  ASSERT_EQ(sent.size(), 6u);
+  EXPECT_EQ(sent[0], "read(messageId:\"" + b + "\")");
+  EXPECT_EQ(sent[1], sent[0]);
+  EXPECT_EQ(sent[2], "opened(messageId:\"" + b + "\")");
+  EXPECT_EQ(sent[3], "unread(messageId:\"" + b + "\")");
+  EXPECT_TRUE(sent[4].starts_with("clicked(messageId:\"" + c + "\",trackingId:\"")) << sent[4];
+  EXPECT_EQ(sent[5], "archive(messageId:\"" + c + "\")");
+
+  // Read-all marks both lists and the count.
+  const auto before = heard.lines.size();
+  platform::blockOn(herald_->readAllInboxMessages());
+  ASSERT_TRUE(heard.waitFor(before + 3));
+  EXPECT_EQ(heard.since(before),
+            (Lines{"changed feed 0 " + b + "{ro}", "changed feed 1 " + a + "{r}", "count 0"}));
+  EXPECT_EQ(mutations().back(), "markAllRead");
+  EXPECT_EQ(ids(platform::blockOn(herald_->archivedMessages())), (Lines{c + "{ra}"}));
+}
+
+TEST_F(InboxModuleTest, SocketMessagesGoOnTopAndEventsFromAnotherDeviceAreAppliedAndEchoed) {
+  const auto a = addMessage("ada", "a");
+  signIn("ada");
+  Heard heard;
+  listen(heard);
+  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(waitForSubscribed(1));
+
+  const auto b = addMessage("ada", "b");
+  ASSERT_TRUE(heard.waitFor(6));
+  EXPECT_EQ(heard.since(4), (Lines{"added feed 0 " + b + "{}", "count 2"}));
+  // A message that comes already read still counts as new.
+  ASSERT_EQ(call(url("/_sandbox/realtime/ada"), "POST",
+                 R"({"frame": {"type": "message", "messageId": "pushed", "read": "2026-01-01"}})")
+                .status,
+            200);
+  ASSERT_TRUE(heard.waitFor(8));
+  EXPECT_EQ(heard.since(6), (Lines{"added feed 0 pushed{r}", "count 3"}));
+
+  // Another device reads `a`: the event arrives, is applied here and told back to the
+  // service from this device.
+  clearJournal();
+  herald::HeraldClient other(tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt,
+                             false);
+  platform::blockOn(other.inbox()->read(a));
+  ASSERT_TRUE(heard.waitFor(10));
+  EXPECT_EQ(heard.since(8), (Lines{"changed feed 2 " + a + "{r}", "count 2"}));
+  platform::waitForIdle(std::chrono::seconds(5));
+  std::vector<std::string> sources;
+  for (const auto& entry : inboxRequests()) {
+    for (const auto& header : entry.at("headers").as_array()) {
+      if (header.as_array()[0] == "x-herald-client-source-id")
+        sources.emplace_back(header.as_array()[1].as_string());
+    }
+  }
+  ASSERT_EQ(sources.size(), 2u);
+  EXPECT_EQ(sources[0], "other-device");
+  EXPECT_NE(sources[1], "other-device");
+  EXPECT_EQ(mutations(), (Lines(2, "read(messageId:\"" + a + "\")")));
+}
+
+TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) {
+  platform::blockOn(herald_->setPaginationLimit(1));
+  const auto m1 = addMessage("ada", "one");
+  const auto m2 = addMessage("ada", "two");
+  signIn("ada");
+  Heard heard;
+  listen(heard);
+  ASSERT_TRUE(heard.waitFor(4));
+  EXPECT_EQ(heard.lines[1], "feed [" + m2 + "{}]");
+  // Nothing is loaded in the archive, so it asks for nothing.
+  EXPECT_TRUE(platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::archived)).empty());
+
+  trouble({{"contains", "$after: String = "}, {"status", 503}});
+  EXPECT_THROW(platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed)),
+               herald::HeraldError);
+  clearJournal();
+  EXPECT_TRUE(platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed)).empty());
+  EXPECT_TRUE(inboxRequests().empty());
+
+  platform::blockOn(herald_->refreshInbox());
+  const auto page = platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed));
+  EXPECT_EQ(ids(page), (Lines{m1 + "{}"}));
+  ASSERT_TRUE(heard.waitFor(4 + 4 + 1));
+  EXPECT_EQ(heard.lines.back(), "page feed [" + m1 + "{}]");
+  EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())), (Lines{m2 + "{}", m1 + "{}"}));
+}
+
+TEST_F(InboxModuleTest, ARefusedChangeIsUndoneAndWhatArrivedMeanwhileStays) {
+  platform::blockOn(herald_->setPaginationLimit(1));
+  const auto m1 = addMessage("ada", "one");
+  const auto m2 = addMessage("ada", "two");
+  signIn("ada");
+  Heard heard;
+  listen(heard);
+  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(waitForSubscribed(1));
+
+  trouble({{"contains", "archive(messageId"}, {"delay", 0.5}, {"status", 500}});
+  auto archiving = platform::spawnFuture(herald_->archiveMessage(m2));
+  ASSERT_TRUE(heard.waitFor(8));
+  EXPECT_EQ(heard.since(4), (Lines{"changed feed 0 " + m2 + "{r}", "count 1",
+                                   "removed feed 0 " + m2 + "{r}",
+                                   "added archived 0 " + m2 + "{ra}"}));
+  // While the archive is on its way: an older page and a new message.
+  EXPECT_EQ(ids(platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed))),
+            (Lines{m1 + "{}"}));
+  const auto m3 = addMessage("ada", "three");
+  ASSERT_TRUE(heard.waitFor(11));
+
+  ASSERT_EQ(archiving.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  try {
+    archiving.get();
+    ADD_FAILURE() << "the refusal was not thrown";
+  } catch (const herald::HeraldError& e) {
+    EXPECT_EQ(e.code, 500);
+  }
+  ASSERT_TRUE(heard.waitFor(14));
+  EXPECT_EQ(heard.since(11), (Lines{"removed archived 0 " + m2 + "{ra}",
+                                    "added feed 1 " + m2 + "{}", "count 3"}));
+  EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())),
+            (Lines{m3 + "{}", m2 + "{}", m1 + "{}"}));
+  EXPECT_TRUE(platform::blockOn(herald_->archivedMessages()).empty());
+}
+
+// Many changes, pages and socket events at once: every message ends up exactly once, and
+// under ThreadSanitizer nothing races.
+TEST_F(InboxModuleTest, ManyOperationsAndSocketEventsAtOnce) {
+  platform::blockOn(herald_->setPaginationLimit(5));
+  std::vector<std::string> all;
+  for (int i = 0; i < 12; ++i) all.push_back(addMessage("ada", "m" + std::to_string(i)));
+  signIn("ada");
+  Heard heard;
+  listen(heard);
+  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(waitForSubscribed(1));
+  herald::HeraldClient other(tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt,
+                             false);
+
+  std::vector<std::future<void>> work;
+  const auto spawn = [&](auto task) { work.push_back(std::async(std::launch::async, task)); };
+  spawn([&] {
+    for (int i = 0; i < 24; ++i) {
+      const auto& id = all[static_cast<std::size_t>(i) % all.size()];
+      try {
+        if (i % 3 == 0) platform::blockOn(herald_->readMessage(id));
+        if (i % 3 == 1) platform::blockOn(herald_->openMessage(id));
+        if (i % 3 == 2) platform::blockOn(herald_->unreadMessage(id));
+      } catch (const herald::HeraldError&) {
+      }
+    }
+  });
+  spawn([&] {
+    for (std::size_t i = 0; i < all.size(); i += 4) platform::blockOn(herald_->archiveMessage(all[i]));
+  });
+  spawn([&] {
+    for (int i = 0; i < 6; ++i) addMessage("ada", "late" + std::to_string(i));
+  });
+  spawn([&] {
+    for (std::size_t i = 1; i < all.size(); i += 3) platform::blockOn(other.inbox()->read(all[i]));
+    platform::blockOn(other.inbox()->readAll());
+  });
+  spawn([&] {
+    for (int i = 0; i < 4; ++i) {
+      platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed));
+      platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::archived));
+    }
+  });
+  const auto done = [&] {
+    return std::all_of(work.begin(), work.end(), [](auto& f) {
+      return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
+  };
+  ASSERT_TRUE(platform::MainQueue::shared().runUntil(done, std::chrono::seconds(60)));
+  for (auto& f : work) f.get();
+  platform::waitForIdle(std::chrono::seconds(10));
+  platform::MainQueue::shared().runFor(std::chrono::milliseconds(50));
+
+  const auto state = platform::blockOn(herald_->inboxModule()->snapshot());
+  ASSERT_TRUE(state);
+  std::multiset<std::string> seen;
+  for (const auto* set : {&state->feed, &state->archived})
+    for (const auto& m : set->messages) seen.insert(m->messageId);
+  for (const auto& id : seen) EXPECT_EQ(seen.count(id), 1u) << id;
+  EXPECT_GE(state->unreadCount, 0);
+}
+
+}  // namespace
