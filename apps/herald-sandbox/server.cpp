@@ -122,6 +122,11 @@ struct Server::Impl {
         if (ec == net::error::operation_aborted) co_return;
         continue;
       }
+      // An answer goes out in more than one write (head, then body, for the trouble that
+      // stalls between them): without this, Nagle holds the body back until the client's
+      // delayed acknowledgement, 40 ms on every request.
+      boost::system::error_code ignored;
+      socket.set_option(tcp::no_delay(true), ignored);
       net::co_spawn(io, connection(std::move(socket)), [this](std::exception_ptr error) {
         if (!error || !options.verbose) return;
         try {

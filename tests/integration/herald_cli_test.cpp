@@ -462,6 +462,13 @@ TEST_F(HeraldInbox, WatchPrintsEachFrameAsOneJSONLineUntilInterrupted) {
           .exitCode,
       0);
   ASSERT_TRUE(watch.waitForOutput("\"event\":\"read\"")) << watch.out();
+  // A keep-alive every 0.1 s: wait (bounded) until the service has counted one.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (std::chrono::steady_clock::now() < deadline) {
+    const auto all = call(sandbox_.url() + "/_sandbox/realtime").object().at("connections");
+    if (!all.as_array().empty() && all.as_array()[0].at("keepAlives").as_int64() > 0) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 
   const auto finished = watch.stop(SIGINT);
   EXPECT_EQ(finished.exitCode, 0) << finished.err;
