@@ -8,11 +8,6 @@
 //   build/bin/inbox_socket_bench --benchmark_repetitions=5
 
 #include <benchmark/benchmark.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/connect.hpp>
@@ -23,9 +18,7 @@
 #include <boost/json.hpp>
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -33,13 +26,13 @@
 #include "herald/inbox_socket.hpp"
 #include "platform/executor.hpp"
 #include "platform/url_loading.hpp"
+#include "support/local_service.hpp"
 #include "support/ratio_reporter.hpp"
-
-extern char** environ;
 
 namespace {
 
 namespace net = boost::asio;
+using bench_support::Sandbox;
 namespace websocket = boost::beast::websocket;
 using Clock = std::chrono::steady_clock;
 
@@ -70,77 +63,6 @@ const std::string& burstBody() {
   }();
   return body;
 }
-
-// herald-sandbox from the folder of this program, for the life of the benchmark.
-class Sandbox {
- public:
-  Sandbox() {
-    const auto program = std::filesystem::read_symlink("/proc/self/exe").parent_path() /
-                         "herald-sandbox";
-    int out[2];
-    if (::pipe(out) != 0) throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    const std::string path = program.string();
-    char* argv[] = {const_cast<char*>(path.c_str()), const_cast<char*>("--port"),
-                    const_cast<char*>("0"), nullptr};
-    if (posix_spawn(&pid_, path.c_str(), &actions, nullptr, argv, environ) != 0)
-      throw std::runtime_error("cannot start " + path);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    std::string text;
-    pollfd fd{out[0], POLLIN, 0};
-    while (text.find('\n') == std::string::npos && ::poll(&fd, 1, 10000) > 0) {
-      char buffer[128];
-      const auto n = ::read(out[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      text.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(out[0]);
-    if (text.find('\n') == std::string::npos) throw std::runtime_error("no URL from " + path);
-    url = text.substr(0, text.find('\n'));
-  }
-  ~Sandbox() {
-    ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
-  }
-
-  std::string post(const std::string& path, const std::string& body = {}) const {
-    auto request = platform::URLRequest::make(url + path);
-    request.method = "POST";
-    request.body = body;
-    auto result = platform::URLSession::shared().dataSync(request);
-    if (result.response.statusCode != 200)
-      throw std::runtime_error("POST " + path + ": " + result.data);
-    return result.data;
-  }
-  std::string token(const std::string& user) const {
-    return std::string(boost::json::parse(post("/_sandbox/users/" + user + "/token"))
-                           .at("jwt")
-                           .as_string());
-  }
-  // Bounded: until a connection of `user` is subscribed.
-  void waitForSubscription(const std::string& user) const {
-    const auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (Clock::now() < deadline) {
-      auto request = platform::URLRequest::make(url + "/_sandbox/realtime");
-      const auto all = boost::json::parse(platform::URLSession::shared().dataSync(request).data)
-                           .at("connections")
-                           .as_array();
-      for (const auto& c : all)
-        if (c.at("user") == user.c_str() && c.at("subscribed") == true) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    throw std::runtime_error("no subscription arrived");
-  }
-
-  std::string url;
-
- private:
-  pid_t pid_ = -1;
-};
 
 Sandbox* sandbox = nullptr;
 
