@@ -180,6 +180,11 @@ class InboxModuleTest : public ::testing::Test {
   std::shared_ptr<herald::HeraldInboxListener> listen(Heard& heard) {
     return platform::blockOn(herald_->addInboxListener(heard.callbacks()));
   }
+  /// A listener for `heard`, and the first state it is given (bounded).
+  bool loaded(Heard& heard) {
+    listen(heard);
+    return heard.waitFor(4);
+  }
   std::vector<std::string> ids(const std::vector<herald::InboxMessagePtr>& messages) const {
     std::vector<std::string> out;
     for (const auto& m : messages) out.push_back(describe(*m));
@@ -275,8 +280,7 @@ TEST_F(InboxModuleTest, EachOperationChangesTheStateHereAndSendsItsMutation) {
   const auto c = addMessage("ada", "c");
   signIn("ada");
   Heard heard;
-  listen(heard);
-  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(loaded(heard));
   clearJournal();
 
   platform::blockOn(herald_->readMessage(b));
@@ -321,8 +325,7 @@ TEST_F(InboxModuleTest, SocketMessagesGoOnTopAndEventsFromAnotherDeviceAreApplie
   const auto a = addMessage("ada", "a");
   signIn("ada");
   Heard heard;
-  listen(heard);
-  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(loaded(heard));
   ASSERT_TRUE(waitForSubscribed(1));
 
   const auto b = addMessage("ada", "b");
@@ -364,8 +367,7 @@ TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) 
   const auto m2 = addMessage("ada", "two");
   signIn("ada");
   Heard heard;
-  listen(heard);
-  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(loaded(heard));
   EXPECT_EQ(heard.lines[1], "feed [" + m2 + "{}]");
   // Nothing is loaded in the archive, so it asks for nothing.
   EXPECT_TRUE(platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::archived)).empty());
@@ -391,8 +393,7 @@ TEST_F(InboxModuleTest, ARefusedChangeIsUndoneAndWhatArrivedMeanwhileStays) {
   const auto m2 = addMessage("ada", "two");
   signIn("ada");
   Heard heard;
-  listen(heard);
-  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(loaded(heard));
   ASSERT_TRUE(waitForSubscribed(1));
 
   trouble({{"contains", "archive(messageId"}, {"delay", 0.5}, {"status", 500}});
@@ -430,8 +431,7 @@ TEST_F(InboxModuleTest, ManyOperationsAndSocketEventsAtOnce) {
   for (int i = 0; i < 12; ++i) all.push_back(addMessage("ada", "m" + std::to_string(i)));
   signIn("ada");
   Heard heard;
-  listen(heard);
-  ASSERT_TRUE(heard.waitFor(4));
+  ASSERT_TRUE(loaded(heard));
   ASSERT_TRUE(waitForSubscribed(1));
   herald::HeraldClient other(tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt,
                              false);
