@@ -313,14 +313,16 @@ awaitable<void> InboxModule::closeSocket() {
 awaitable<std::vector<InboxMessagePtr>> InboxModule::fetchNextPage(InboxMessageFeed feed) {
   return actor_.run([self = shared_from_this(),
                      feed]() -> awaitable<std::vector<InboxMessagePtr>> {
-    if (!self->data_) co_return std::vector<InboxMessagePtr>{};
-    const auto generation = self->generation_;
-    const auto& set = self->data_->messageSet(feed);
     const auto herald = self->herald_.lock();
     if (!herald) throw HeraldError::inboxNotInitialized();
     const auto limit = co_await herald->inboxPaginationLimit();
-    auto page =
-        co_await self->repo_.fetchNextPage(feed, set.canPaginate, set.paginationCursor, limit);
+    // Read after that wait: a stop or a restart may have replaced the state meanwhile.
+    if (!self->data_) co_return std::vector<InboxMessagePtr>{};
+    const auto generation = self->generation_;
+    const auto& set = self->data_->messageSet(feed);
+    const bool canPaginate = set.canPaginate;
+    auto cursor = set.paginationCursor;
+    auto page = co_await self->repo_.fetchNextPage(feed, canPaginate, std::move(cursor), limit);
     if (!page) co_return std::vector<InboxMessagePtr>{};
     // A restart while the page was on its way made a state this page does not continue.
     if (generation == self->generation_ && self->data_) {
