@@ -78,8 +78,7 @@ struct InboxRequest {
 
 /// One inbox operation of the signed-in user, through a session taken up again. The live
 /// inbox is loaded first (its socket closed at once: a command hears no news); its changes
-/// go through the facade. `list --after` and `get` ask the GraphQL client instead. Runs the
-/// main queue on the calling (main) thread while the inbox loads.
+/// go through the facade. `list --after` and `get` ask the GraphQL client instead.
 int inbox(InboxRequest request, Context& context);
 
 /// The account's brand: its primary colour and whether the service's footer shows.

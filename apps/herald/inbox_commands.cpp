@@ -3,12 +3,6 @@
 // go through the facade, which makes them here and tells the service. A page after a cursor
 // and a single message are asked of the GraphQL client directly.
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -19,7 +13,6 @@
 #include "live_inbox.hpp"
 #include "platform/executor.hpp"
 #include "platform/json.hpp"
-#include "platform/main_queue.hpp"
 
 namespace cli {
 namespace {
@@ -145,67 +138,17 @@ awaitable<int> change(const InboxRequest& request, Context& context) {
   co_return ExitStatus::success;
 }
 
-// The module announces each listener on standard output, where a command's results go; a
-// command that registers one only to load the inbox sends that line to /dev/null.
-class QuietStandardOutput {
- public:
-  QuietStandardOutput() {
-    std::fflush(stdout);
-    saved_ = ::dup(STDOUT_FILENO);
-    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (saved_ < 0 || null < 0 || ::dup2(null, STDOUT_FILENO) < 0) restore();
-    if (null >= 0) ::close(null);
-  }
-  ~QuietStandardOutput() { restore(); }
-  QuietStandardOutput(const QuietStandardOutput&) = delete;
-  QuietStandardOutput& operator=(const QuietStandardOutput&) = delete;
-
- private:
-  void restore() {
-    if (saved_ < 0) return;
-    std::fflush(stdout);
-    ::dup2(saved_, STDOUT_FILENO);
-    ::close(saved_);
-    saved_ = -1;
-  }
-  int saved_ = -1;
-};
-
-// A safety bound only: every request of the load has its own time-out.
-constexpr auto kLoadLimit = std::chrono::seconds(180);
-
-// Loads the live inbox as a screen does (a listener, which hears the state or the error on
-// the main queue, run here until one comes), then closes its socket: a command acts on the
-// state it loaded, and an event heard meanwhile would be run as a change of its own.
+// Loads the live inbox as a screen does, without listening to it (so no listener line on
+// standard output, where a command's results go), then closes its socket: a command acts on
+// the state it loaded, and an event heard meanwhile would be run as a change of its own.
 int loadInbox(Context& context) {
-  struct Outcome {
-    bool loaded = false;
-    std::optional<herald::HeraldError> error;
-  };
-  auto outcome = std::make_shared<Outcome>();  // main queue only
-  herald::HeraldInboxListener::Callbacks callbacks;
-  callbacks.onError = [outcome](const herald::HeraldError& error) {
-    if (!outcome->error) outcome->error = error;
-  };
-  // The last of the state's three calls.
-  callbacks.onUnreadCountChanged = [outcome](std::int64_t) { outcome->loaded = true; };
   auto& herald = herald::Herald::shared();
-  {
-    QuietStandardOutput quiet;
-    platform::blockOn(herald.addInboxListener(std::move(callbacks)));
-  }
-  const bool settled = platform::MainQueue::shared().runUntil(
-      [&] { return outcome->loaded || outcome->error.has_value(); }, kLoadLimit);
+  const auto failure = platform::blockOn(herald.inboxModule()->load());
   platform::blockOn(herald.inboxModule()->closeSocket());
-  if (outcome->error) {
-    const auto failure = Failure::from(std::make_exception_ptr(*outcome->error));
-    context.report.failure(failure, "could not load the inbox");
-    return failure.status;
-  }
-  if (!settled) {
-    context.report.failure(Failure{std::nullopt, "the inbox did not load in time",
-                                   "timed_out", ExitStatus::unreachable});
-    return ExitStatus::unreachable;
+  if (failure) {
+    const auto reported = Failure::from(std::make_exception_ptr(*failure));
+    context.report.failure(reported, "could not load the inbox");
+    return reported.status;
   }
   return ExitStatus::success;
 }

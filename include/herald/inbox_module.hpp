@@ -161,6 +161,9 @@ class InboxModule : public std::enable_shared_from_this<InboxModule> {
   /// and hands the state to the listeners; a failure goes to every `onError`. Clears the
   /// paging flags first.
   boost::asio::awaitable<void> start();
+  /// `start`, whose failure (also told to every listener) the caller gets as well: for a
+  /// caller that loads the inbox without listening to it.
+  boost::asio::awaitable<std::optional<HeraldError>> load();
   /// Drops the state and closes the socket; the listeners stay.
   boost::asio::awaitable<void> stop();
   /// Closes the socket and keeps the state (the application went to the background).
@@ -203,7 +206,8 @@ class InboxModule : public std::enable_shared_from_this<InboxModule> {
   InboxModule(std::weak_ptr<Herald> herald, platform::WebSocketConfiguration configuration);
 
   // Bodies that run on the strand.
-  boost::asio::awaitable<void> startHere(const HeraldInboxListener* alreadyLoading);
+  boost::asio::awaitable<std::optional<HeraldError>> startHere(
+      const HeraldInboxListener* alreadyLoading);
   /// The signed-in client, or "No user signed in" / "Herald Inbox is not initialized".
   boost::asio::awaitable<std::shared_ptr<HeraldClient>> checkReady() const;
   void arrive(InboxMessagePtr message);

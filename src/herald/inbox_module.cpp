@@ -191,7 +191,8 @@ awaitable<std::shared_ptr<HeraldInboxListener>> InboxModule::addListener(
       listener->load(self->data_->copy());
       co_return listener;
     }
-    co_await self->startHere(listener.get());
+    // A failure reaches the listener through its onError.
+    [[maybe_unused]] const auto failure = co_await self->startHere(listener.get());
     co_return listener;
   });
 }
@@ -221,11 +222,23 @@ awaitable<std::size_t> InboxModule::listenerCount() {
 // ---- start and stop -------------------------------------------------------------------------
 
 awaitable<void> InboxModule::start() {
-  return actor_.exclusive(
-      [self = shared_from_this()]() -> awaitable<void> { co_await self->startHere(nullptr); });
+  return actor_.exclusive([self = shared_from_this()]() -> awaitable<void> {
+    // Named, not discarded: a failure goes to the listeners, and GCC 12 mishandles a
+    // discarded awaited value that has a destructor.
+    [[maybe_unused]] const auto failure = co_await self->startHere(nullptr);
+  });
 }
 
-awaitable<void> InboxModule::startHere(const HeraldInboxListener* alreadyLoading) {
+awaitable<std::optional<HeraldError>> InboxModule::load() {
+  return actor_.exclusive(
+      [self = shared_from_this()]() -> awaitable<std::optional<HeraldError>> {
+        auto failure = co_await self->startHere(nullptr);
+        co_return failure;
+      });
+}
+
+awaitable<std::optional<HeraldError>> InboxModule::startHere(
+    const HeraldInboxListener* alreadyLoading) {
   const auto generation = ++generation_;
   starting_ = true;
   arrivals_.clear();
@@ -279,6 +292,7 @@ awaitable<void> InboxModule::startHere(const HeraldInboxListener* alreadyLoading
     arrivals_.clear();
     notifyError(*failure);
   }
+  co_return failure;
 }
 
 awaitable<void> InboxModule::stop() {
