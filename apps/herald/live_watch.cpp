@@ -55,13 +55,11 @@ json::object setLine(std::string_view callback, const herald::InboxMessageSet& s
   for (const auto& message : set.messages) ids.emplace_back(message->messageId);
   json::object line{{"callback", callback}};
   if (feed) line["feed"] = *feed;
-  for (auto& [key, value] : json::object{
-          {"count", set.messages.size()},
-          {"totalCount", set.totalCount},
-          {"canPaginate", set.canPaginate},
-          {"cursor", set.paginationCursor ? json::value(*set.paginationCursor) : json::value(nullptr)},
-          {"ids", std::move(ids)}})
-    line[key] = value;
+  line["count"] = set.messages.size();
+  line["totalCount"] = set.totalCount;
+  line["canPaginate"] = set.canPaginate;
+  line["cursor"] = set.paginationCursor ? json::value(*set.paginationCursor) : json::value(nullptr);
+  line["ids"] = std::move(ids);
   return line;
 }
 
