@@ -45,6 +45,12 @@ endif()]]
   PKGCONFIG cairo)
 # Plain library names (static archives in our build, see StaticLibraries.cmake): the exported
 # targets name them as they are, so a program links the shared libraries of its system.
+herald_package_dependency(PkgConfig::NCURSESW
+  FIND [[find_dependency(PkgConfig)
+if(NOT TARGET PkgConfig::NCURSESW)
+  pkg_check_modules(NCURSESW REQUIRED IMPORTED_TARGET ncursesw)
+endif()]]
+  PKGCONFIG ncursesw)
 herald_package_dependency(freetype PKGCONFIG freetype2)
 herald_package_dependency(jpeg PKGCONFIG libjpeg)
 

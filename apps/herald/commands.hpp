@@ -121,4 +121,18 @@ int watchRawInbox(const WatchRequest& request, Context& context);
 /// SIGINT or SIGTERM (exit 0); the end of the input does not end it.
 int watchLiveInbox(const WatchRequest& request, Context& context);
 
+/// What `herald ui` is asked to do.
+struct ScreensRequest {
+  std::string brandId;
+  std::optional<long long> pageSize;
+  std::string logFile;
+  /// The global options given, to repeat in the sign-in command the screen shows.
+  std::string endpoint, configDir;
+};
+
+/// The inbox and preferences screens for the signed-in user (signed in again from the stored
+/// credentials first), until the user quits. Runs the main queue on the calling (main)
+/// thread.
+int screens(const ScreensRequest& request, Context& context);
+
 }  // namespace cli

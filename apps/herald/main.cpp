@@ -270,6 +270,9 @@ struct CommandLine {
   std::string inboxLimit;
   CLI::App* inboxWatch = nullptr;
   cli::WatchRequest watch;
+  CLI::App* ui = nullptr;
+  cli::ScreensRequest screens;
+  std::string screensPageSize;
   // The inbox's commands and what each asks for.
   std::vector<std::pair<CLI::App*, cli::InboxRequest::Kind>> inboxCommands;
 
@@ -279,6 +282,7 @@ struct CommandLine {
   void addToken();
   void addInbox();
   void addPreferences();
+  void addScreens();
 };
 
 CommandLine::CommandLine() {
@@ -296,6 +300,7 @@ CommandLine::CommandLine() {
   addToken();
   addInbox();
   addPreferences();
+  addScreens();
 }
 
 void CommandLine::addGlobalOptions() {
@@ -548,6 +553,30 @@ launch) and asks the service. With nobody signed in: "No user signed in", exit s
   for (auto& [command, kind] : preferenceCommands) command->group("Commands");
 }
 
+void CommandLine::addScreens() {
+  ui = app.add_subcommand("ui", "the inbox and the preferences as screens in the terminal");
+  ui->group("Commands");
+  ui->footer(R"(Signs in again from the stored credentials and shows the live inbox: Tab switches
+between Inbox and Archived, Enter opens a message, r reads or unreads it, a archives it,
+A reads every one, R reloads, p shows the preferences, ? lists every key, q quits.
+With nobody signed in, the screen says how to sign in. NO_COLOR turns colours off;
+the terminal must be able to move the cursor (not TERM=dumb).
+
+)" + std::string(kGlobalOptions));
+  ui->add_option("--brand", screens.brandId,
+                 "the brand whose primary colour tints the screens and whose\n"
+                 "settings may hide the service's footer")
+      ->type_name("ID")
+      ->check(validator(checkBrandId));
+  ui->add_option("--page-size", screensPageSize, "messages a page, 1 to 100 (default 32)")
+      ->type_name("N")
+      ->check(validator(checkLimit));
+  ui->add_option("--log", screens.logFile,
+                 "where the client's own lines go while the screens are up\n"
+                 "(default: nowhere)")
+      ->type_name("FILE");
+}
+
 // One line that says what is wrong, in the command's words where CLI11's would name its
 // internals.
 std::string describe(const CLI::ParseError& error, const CLI::App& app) {
@@ -685,6 +714,13 @@ int dispatch(CommandLine& line, cli::Context& context) {
     return cli::watchInbox(line.watch, context);
   }
   if (line.brand->parsed()) return platform::blockOn(cli::brand(line.brandId, context));
+  if (line.ui->parsed()) {
+    auto request = line.screens;
+    if (!line.screensPageSize.empty()) request.pageSize = std::stoll(line.screensPageSize);
+    request.endpoint = line.global.endpoint;
+    request.configDir = line.global.configDir;
+    return cli::screens(std::move(request), context);
+  }
   for (const auto& [command, kind] : line.preferenceCommands) {
     if (!command->parsed()) continue;
     auto request = line.preferences;
