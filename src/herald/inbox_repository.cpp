@@ -75,8 +75,19 @@ awaitable<void> InboxRepository::connectSocket(std::function<void(InboxMessagePt
     onEvent(event);
   };
   // A connection that fails once it is up (a reset, silence) ends the live inbox: say so.
-  socket->onError = [onFailure = std::move(onFailure)](const platform::Error& error) {
-    onFailure(HeraldError(error));
+  socket->onError = [onFailure](const platform::Error& error) { onFailure(HeraldError(error)); };
+  // So does a close the service started: the socket takes it quietly, but the inbox is no
+  // longer live. A close of our own has taken the connection off the socket first.
+  std::weak_ptr<HeraldSocket> weakSocket = socket;
+  socket->onClose = [weakSocket, onFailure](platform::WebSocketCloseCode code,
+                                            const std::optional<std::string>& reason) {
+    const auto current = weakSocket.lock();
+    if (!current || !current->webSocketTask()) return;
+    onFailure(HeraldError(static_cast<long>(code),
+                          "The service closed the realtime connection (" +
+                              std::to_string(static_cast<int>(code)) +
+                              (reason && !reason->empty() ? ", " + *reason : std::string()) + ")",
+                          "connection_closed"));
   };
   co_await socket->connect();
   co_await socket->sendSubscribe(subscriptionVersion);
