@@ -268,6 +268,9 @@ TEST_F(InboxModuleTest, ListenerWithNobodySignedInHearsTheErrorStaysAndFollowsTh
   // Signing out closes the socket and drops the state; the listener stays.
   platform::blockOn(herald_->signOut());
   EXPECT_TRUE(waitForSubscribed(0));
+  // A close of its own is no failure.
+  platform::MainQueue::shared().runFor(std::chrono::milliseconds(200));
+  EXPECT_EQ(heard.lines.size(), 6u) << heard.lines.back();
   EXPECT_TRUE(platform::blockOn(herald_->feedMessages()).empty());
   EXPECT_EQ(platform::blockOn(herald_->inboxModule()->listenerCount()), 1u);
   platform::blockOn(listener->remove());
@@ -359,6 +362,15 @@ TEST_F(InboxModuleTest, SocketMessagesGoOnTopAndEventsFromAnotherDeviceAreApplie
   EXPECT_EQ(sources[0], "other-device");
   EXPECT_NE(sources[1], "other-device");
   EXPECT_EQ(mutations(), (Lines(2, "read(messageId:\"" + a + "\")")));
+
+  // The service closing the connection ends the live inbox: every listener hears of it.
+  ASSERT_EQ(call(url("/_sandbox/realtime/ada"), "POST",
+                 R"({"close": {"code": 4000, "reason": "maintenance"}})")
+                .status,
+            200);
+  ASSERT_TRUE(heard.waitFor(11));
+  EXPECT_EQ(heard.since(10),
+            (Lines{"error The service closed the realtime connection (4000, maintenance)"}));
 }
 
 TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) {
