@@ -26,6 +26,8 @@ struct TerminalOptions {
   int rows = 24;
   /// Set for the program after the defaults (LANG and LC_ALL C.UTF-8, TERM as tmux sets
   /// it), so that a test can override any of them, e.g. {"TERM", "dumb"} or {"NO_COLOR", "1"}.
+  /// The rest is the test's own environment less COLUMNS, LINES and NO_COLOR, which would
+  /// otherwise decide the size and the colours the test checks.
   std::vector<std::pair<std::string, std::string>> environment;
 };
 
