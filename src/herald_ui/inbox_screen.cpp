@@ -355,9 +355,9 @@ void InboxScreen::followAction(std::size_t index) {
 }
 
 std::wstring InboxScreen::help() const {
-  return L"Up Down j k  move (PgUp PgDn Home End)\n"
-         L"Enter      open (read it, count the click, follow\n"
-         L"           its first link)\n"
+  return L"Up Down    move (also j k, PgUp PgDn, Home End)\n"
+         L"Enter      open: read it, count the click, follow\n"
+         L"           its first link (1-9 the others)\n"
          L"r          read or unread\n"
          L"a          archive\n"
          L"A          mark every message read\n"
