@@ -291,13 +291,18 @@ bool InboxScreen::key(const Key& key) {
   }
 }
 
-void InboxScreen::toggleRead() {
+const InboxMessage* InboxScreen::changeable(const wchar_t* whenArchived) {
   const auto* message = view_.list(tab_).selectedMessage();
-  if (!message) return;
-  if (message->isArchived()) {
-    app_.setStatus(L"An archived message keeps its state");
-    return;
+  if (message && message->isArchived()) {
+    app_.setStatus(whenArchived);
+    return nullptr;
   }
+  return message;
+}
+
+void InboxScreen::toggleRead() {
+  const auto* message = changeable(L"An archived message keeps its state");
+  if (!message) return;
   auto& herald = herald::Herald::shared();
   const bool read = message->isRead();
   const auto title = widen(message->title.value_or(message->messageId));
@@ -311,12 +316,8 @@ void InboxScreen::toggleRead() {
 }
 
 void InboxScreen::archive() {
-  const auto* message = view_.list(tab_).selectedMessage();
+  const auto* message = changeable(L"Already archived");
   if (!message) return;
-  if (message->isArchived()) {
-    app_.setStatus(L"Already archived");
-    return;
-  }
   const auto title = widen(message->title.value_or(message->messageId));
   app_.perform(
       herald::Herald::shared().archiveMessage(message->messageId),

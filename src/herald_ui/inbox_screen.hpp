@@ -30,6 +30,8 @@ class InboxScreen : public Screen {
   void drawOpened(int top, int bottom, int cols);
   void open();
   void followAction(std::size_t index);
+  /// The message under the cursor, unless it is archived (which the status line then says).
+  const herald::InboxMessage* changeable(const wchar_t* whenArchived);
   void toggleRead();
   void archive();
   void fetchNextPage(herald::InboxMessageFeed feed);
