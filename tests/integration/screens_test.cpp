@@ -306,6 +306,18 @@ TEST_F(Screens, ALostConnectionIsShownAndTheInboxComesBackByItself) {
             200);
   ASSERT_TRUE(term.waitFor("Connection lost (retrying in 1 s)")) << term.lastCapture();
   ASSERT_TRUE(term.waitFor("Live")) << term.lastCapture();
+
+  // While the service refuses the reload, the waits double.
+  ASSERT_EQ(call(sandbox_.url() + "/_sandbox/trouble", "POST",
+                 R"({"path": "/inbox/q", "status": 503, "always": true})")
+                .status,
+            200);
+  term.sendKeys("R");
+  ASSERT_TRUE(term.waitFor("Connection lost (retrying in 1 s)")) << term.lastCapture();
+  ASSERT_TRUE(term.waitFor("Connection lost (retrying in 2 s)")) << term.lastCapture();
+  ASSERT_TRUE(term.waitFor("Connection lost (retrying in 4 s)")) << term.lastCapture();
+  ASSERT_EQ(call(sandbox_.url() + "/_sandbox/trouble", "DELETE").status, 200);
+  ASSERT_TRUE(term.waitFor("Live")) << term.lastCapture();
   addMessage("After the break");
   ASSERT_TRUE(term.waitFor("After the break")) << term.lastCapture();
 }
