@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -69,8 +70,14 @@ Terminal::Terminal(const std::vector<std::string>& argv, const TerminalOptions& 
   // The program runs through env: the pane gets the environment of the test, which must not
   // decide the outcome (COLUMNS and LINES would override the pane's size, NO_COLOR a test's
   // colours), then the defaults, then the test's own variables, which win over both.
-  std::vector<std::string> command{"env", "-u",       "COLUMNS", "-u",           "LINES",
-                                   "-u",  "NO_COLOR", "--",      "LANG=C.UTF-8", "LC_ALL=C.UTF-8"};
+  //
+  // A shell around it writes the exit status to a file: tmux may never learn the status of a
+  // pane whose terminal closed before it reaped the program.
+  std::vector<std::string> command{"sh",           "-c",   "\"$@\"; echo $? >\"$0\"",
+                                   dir_ + "/status", "env",  "-u",
+                                   "COLUMNS",      "-u",   "LINES",
+                                   "-u",           "NO_COLOR", "--",
+                                   "LANG=C.UTF-8", "LC_ALL=C.UTF-8"};
   for (const auto& [name, value] : options.environment) command.push_back(name + "=" + value);
   command.insert(command.end(), argv.begin(), argv.end());
 
@@ -116,9 +123,12 @@ Terminal::Terminal(const std::vector<std::string>& argv, const TerminalOptions& 
 }
 
 Terminal::~Terminal() {
-  pid_t program = -1;
+  pid_t program = -1, group = -1;
   try {
-    if (!exited()) program = pid();
+    if (!exited()) {
+      group = panePid();
+      program = pid();
+    }
   } catch (const std::exception&) {
   }
   try {
@@ -126,12 +136,12 @@ Terminal::~Terminal() {
   } catch (const std::exception&) {
   }
   // The server hangs up on the program; one that ignores that is killed with its process
-  // group (the pane made it a group leader), so that no test leaves a process behind.
-  if (program > 0) {
+  // group (the pane made its shell a group leader), so that no test leaves a process behind.
+  if (program > 0 && group > 0) {
     auto deadline = Clock::now() + 1s;
     while (processRunning(program) && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
     if (processRunning(program)) {
-      ::kill(-program, SIGKILL);
+      ::kill(-group, SIGKILL);
       deadline = Clock::now() + 5s;
       while (processRunning(program) && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
     }
@@ -225,8 +235,29 @@ std::pair<int, int> Terminal::size() {
   return {toInt(text.substr(0, space), "pane_width"), toInt(text.substr(space + 1), "pane_height")};
 }
 
-pid_t Terminal::pid() {
+pid_t Terminal::panePid() {
   return toInt(format("#{pane_pid}"), "pane_pid");
+}
+
+pid_t Terminal::pid() {
+  // The program is the one child of the pane's shell; it may take a moment to be started.
+  const pid_t shell = panePid();
+  const auto deadline = Clock::now() + 2s;
+  while (true) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+      std::ifstream stat(entry.path() / "stat");
+      std::string line;
+      if (!std::getline(stat, line)) continue;
+      // "pid (name) state ppid ...": the name may hold spaces, so read after its bracket.
+      std::istringstream rest(line.substr(line.rfind(')') + 1));
+      std::string state;
+      pid_t parent = -1;
+      rest >> state >> parent;
+      if (parent == shell) return toInt(entry.path().filename().string(), "pid");
+    }
+    if (Clock::now() >= deadline) return shell;
+    std::this_thread::sleep_for(10ms);
+  }
 }
 
 bool Terminal::exited() {
@@ -234,10 +265,12 @@ bool Terminal::exited() {
 }
 
 std::optional<int> Terminal::exitStatus() {
-  // One query for both, so that the program cannot end between the two.
-  const auto text = format("#{pane_dead}:#{pane_dead_status}");
-  if (text.rfind("1:", 0) != 0 || text.size() == 2) return std::nullopt;
-  return toInt(text.substr(2), "pane_dead_status");
+  // The shell writes the file before it ends, so a dead pane without one ended otherwise.
+  if (!exited()) return std::nullopt;
+  std::ifstream file(dir_ + "/status");
+  std::string text;
+  if (!std::getline(file, text) || text.empty()) return std::nullopt;
+  return toInt(text, "exit status");
 }
 
 bool Terminal::alternateScreen() {

@@ -73,11 +73,12 @@ class Terminal {
   /// The pane's size as tmux has it: {cols, rows}.
   std::pair<int, int> size();
 
-  /// The program's process id.
+  /// The program's process id (a small shell in the pane runs it and keeps its status).
   pid_t pid();
   bool exited();
-  /// The program's exit code once it exited normally; nothing while it runs or when a
-  /// signal ended it.
+  /// The program's exit code once it has ended (128 + N when signal N ended the program
+  /// alone); nothing while it runs or when a signal from the terminal (C-c) ended it and its
+  /// shell.
   std::optional<int> exitStatus();
   /// Whether the program switched to the alternate screen.
   bool alternateScreen();
@@ -92,6 +93,7 @@ class Terminal {
 
  private:
   std::string format(const std::string& spec);
+  pid_t panePid();
 
   std::string dir_;
   std::string socket_;
