@@ -235,6 +235,26 @@ std::size_t Realtime::perform(const std::string& user, const RealtimeOrder& orde
   return reached;
 }
 
+std::size_t Realtime::endAll() {
+  std::lock_guard lock(mutex_);
+  for (auto& [id, connection] : connections_) connection.peer->end();
+  return connections_.size();
+}
+
+std::size_t Realtime::openConnections() const {
+  std::lock_guard lock(mutex_);
+  return connections_.size();
+}
+
+void Realtime::forgetAll() {
+  decltype(connections_) gone;
+  {
+    std::lock_guard lock(mutex_);
+    gone.swap(connections_);
+  }
+  // A session may go with its last reference here: not under the lock.
+}
+
 json::object Realtime::connections() const {
   std::lock_guard lock(mutex_);
   json::array list;

@@ -41,6 +41,9 @@ class RealtimeConnection {
   virtual ~RealtimeConnection() = default;
   /// Queues `order` behind every order before it. Any thread; never blocks.
   virtual void perform(RealtimeOrder order) = 0;
+  /// Ends the connection now, whatever it is doing: the TCP connection closes, with no close
+  /// frame, as when the service goes away. Any thread; never blocks.
+  virtual void end() = 0;
 };
 
 /// Who opened a connection: the user of its access token ("auth"), or none when it came
@@ -83,6 +86,15 @@ class Realtime : public InboxObserver {
   /// "userAgent", "version", "subscribed", "framesIn", "framesOut", "keepAlives",
   /// "stalled"}, ...]} in the order opened.
   boost::json::object connections() const;
+
+  /// Ends every open connection (RealtimeConnection::end); returns how many there were. Each
+  /// leaves the hub, through closed(), once its session has finished.
+  std::size_t endAll();
+  /// How many connections are open: opened and not closed().
+  std::size_t openConnections() const;
+  /// Lets go of every connection, which hears nothing more. The server calls it before its
+  /// I/O goes: a session the hub held on to must not outlive the I/O its stream belongs to.
+  void forgetAll();
 
   void messageAdded(const InboxMessage& message) override;
   void messageEvent(const std::string& user, std::string_view event, const InboxMessage* message,

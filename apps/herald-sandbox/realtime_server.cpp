@@ -40,6 +40,15 @@ class Session : public RealtimeConnection, public std::enable_shared_from_this<S
     });
   }
 
+  void end() override {
+    // Closing the socket ends the pending read (and write); the reader then finishes as for
+    // a connection the peer dropped, and the writer after it.
+    net::post(ws_.get_executor(), [self = this->shared_from_this()] {
+      boost::system::error_code ignored;
+      beast::get_lowest_layer(self->ws_).socket().close(ignored);
+    });
+  }
+
   net::awaitable<void> serve(UpgradeRequest upgrade, RealtimeCredential credential,
                              std::string path) {
     beast::get_lowest_layer(ws_).expires_never();

@@ -42,6 +42,9 @@ constexpr auto kReadTimeout = std::chrono::seconds(120);
 // A TLS client has this long to say hello and finish the handshake.
 constexpr auto kHandshakeTimeout = std::chrono::seconds(30);
 constexpr std::size_t kMaxRequestBody = 64u * 1024 * 1024;
+// On SIGINT or SIGTERM the realtime sessions have this long to finish once their sockets are
+// closed; it takes a few turns of the loop, so the limit is only for a loop gone wrong.
+constexpr auto kShutdownLimit = std::chrono::seconds(5);
 
 bool bodyless(int status) {
   return status < 200 || status == 204 || status == 304;
@@ -113,6 +116,25 @@ struct Server::Impl {
     if (options.tlsCertificate.has_value() != options.tlsKey.has_value())
       throw std::invalid_argument("--tls-cert and --tls-key go together");
     if (options.tlsCertificate) tls.emplace(tlsContext(*options.tlsCertificate, *options.tlsKey));
+  }
+
+  // Before `io` goes (members go after this body): the hub holds its sessions, whose streams
+  // must be gone before the services of `io` are.
+  ~Impl() {
+    if (options.realtime) options.realtime->forgetAll();
+  }
+
+  // After the loop stopped: no new connection, and every realtime session ended and let
+  // finish (its coroutines end and it leaves the hub). HTTP connections are not waited for:
+  // their coroutines go with `io`.
+  void shutDown() {
+    boost::system::error_code ignored;
+    acceptor.close(ignored);
+    if (!options.realtime || options.realtime->endAll() == 0) return;
+    io.restart();
+    const auto deadline = std::chrono::steady_clock::now() + kShutdownLimit;
+    while (options.realtime->openConnections() > 0 && io.run_one_until(deadline) > 0) {
+    }
   }
 
   net::awaitable<void> accept() {
@@ -294,6 +316,7 @@ void Server::run() {
   impl_->signals.async_wait([this](const boost::system::error_code&, int) { impl_->io.stop(); });
   net::co_spawn(impl_->io, impl_->accept(), net::detached);
   impl_->io.run();
+  impl_->shutDown();
 }
 
 }  // namespace sandbox

@@ -7,7 +7,9 @@
 #include <boost/json.hpp>
 #include <filesystem>
 #include <future>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "integration/processes.hpp"
 #include "platform/json.hpp"
@@ -346,6 +348,26 @@ TEST(SandboxRealtime, TroubleOnRequest) {
   }
 }
 
+// SIGTERM ends the service with status 0 whatever its connections are doing: open but not
+// subscribed, subscribed (several to one user), or stalled; each client then sees its
+// connection end rather than a frame.
+TEST(SandboxRealtime, SigtermEndsEveryConnectionAndTheServiceExitsCleanly) {
+  Sandbox sandbox;
+  std::vector<std::unique_ptr<Client>> clients;
+  for (const auto* user : {"", "ada", "ada", "bob", "cy"}) {
+    clients.push_back(std::make_unique<Client>(sandbox, "clientKey=sandbox-client-key"));
+    if (*user) clients.back()->subscribe(user);
+  }
+  awaitSubscribed(sandbox, "ada", 2);
+  awaitSubscribed(sandbox, "bob");
+  awaitSubscribed(sandbox, "cy");
+  ASSERT_EQ(post(sandbox, "/_sandbox/realtime/cy", R"({"stall":true})").status, 200);
+  ASSERT_EQ(connections(sandbox).size(), 5u);
+
+  EXPECT_EQ(sandbox.stop(), 0);
+  for (auto& client : clients) EXPECT_NE(client->next().index(), 0u);
+}
+
 // A certificate for 127.0.0.1 made for the test, and a key of another one.
 TEST(SandboxRealtime, TLSServesHTTPSAndTheSecureSocket) {
   testing_support::Certificates tls;
@@ -380,6 +402,8 @@ TEST(SandboxRealtime, TLSServesHTTPSAndTheSecureSocket) {
     ::usleep(10'000);
   EXPECT_EQ(curl("POST", "/_sandbox/users/ada/messages", R"({"title":"secure"})").exitCode, 0);
   EXPECT_EQ(platform::parseJSON(client.nextText()).at("title"), "secure");
+  // A secure connection ends with the service as a plain one does.
+  EXPECT_EQ(sandbox.stop(), 0);
 }
 
 }  // namespace
