@@ -1,5 +1,7 @@
 #include "integration/processes.hpp"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -235,7 +237,11 @@ Sandbox::Sandbox(const std::vector<std::string>& extraArgs) {
 }
 
 Sandbox::~Sandbox() {
-  stop();
+  // A service that does not stop cleanly (a crash on the way out, a hang) fails the test
+  // that used it, whatever the test itself checked.
+  if (pid_ >= 0) {
+    EXPECT_EQ(stop(), 0) << "herald-sandbox did not exit 0 on SIGTERM";
+  }
 }
 
 int Sandbox::port() const {
