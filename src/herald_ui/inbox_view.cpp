@@ -46,8 +46,11 @@ void InboxView::add(InboxMessageFeed feed, std::int64_t index,
   const auto at = static_cast<std::size_t>(
       std::clamp<std::int64_t>(index, 0, static_cast<std::int64_t>(l.messages.size())));
   const bool wasEmpty = l.messages.empty();
+  // A person at the head of the list is watching what comes in: the cursor stays on the
+  // head, or new messages would push it down until the list scrolled them out of sight.
+  const bool atHead = l.selected == 0 && l.top == 0;
   l.messages.insert(l.messages.begin() + static_cast<std::ptrdiff_t>(at), message);
-  if (wasEmpty) return;
+  if (wasEmpty || (atHead && at == 0)) return;
   if (at <= l.selected) ++l.selected;
   // What was at the top stays there; a message added above it shows once the user looks.
   if (at < l.top || (at == l.top && l.top > 0)) ++l.top;

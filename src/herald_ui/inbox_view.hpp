@@ -41,7 +41,8 @@ class InboxView {
   }
 
   // The listener's callbacks. The cursor stays on the message it was on: a message added
-  // above it pushes it down, one removed above it pulls it up.
+  // above it pushes it down, one removed above it pulls it up. At the head of the list it
+  // stays at the head, on what arrives.
   void replace(herald::InboxMessageFeed feed, const herald::InboxMessageSet& set);
   void addPage(herald::InboxMessageFeed feed, const herald::InboxMessageSet& page);
   void change(herald::InboxMessageFeed feed, std::int64_t index,

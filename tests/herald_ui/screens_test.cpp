@@ -110,6 +110,11 @@ TEST(InboxList, TheCursorStaysOnItsMessageWhileTheListChangesAroundIt) {
   InboxView view;
   const auto feed = InboxMessageFeed::feed;
   view.replace(feed, set({"a", "b", "c", "d"}, true));
+  // At the head, the cursor stays there and takes what arrives: a person watching the
+  // inbox sees every new message.
+  view.add(feed, 0, message("first"));
+  EXPECT_EQ(view.list(feed).selectedMessage()->messageId, "first");
+  view.remove(feed, 0);
   view.move(feed, 2);
   EXPECT_EQ(view.list(feed).selectedMessage()->messageId, "c");
 
