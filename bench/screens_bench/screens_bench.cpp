@@ -423,8 +423,8 @@ void messageArrives(benchmark::State& state, const std::string& name,
     for (auto _ : state) {
       const auto title = uniqueTitle(nextTitle++);
       if (keepAtTop) {
-        // The cursor stays on its message as new ones come in above it, and once that
-        // message would leave the screen the list follows it, the new ones out of sight.
+        // At the head of the list the cursor stays there and each new message is drawn in
+        // view; Home makes sure it is there whatever a run before left.
         program->write(kHome);
         program->settle();
       }
