@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -92,7 +93,8 @@ Terminal::Terminal(const std::string& logFile) {
         std::string(term && *term ? "dumb" : "not set") +
         " (herald inbox list and herald prefs list print the same as plain text)");
 
-  ::setlocale(LC_ALL, "");
+  // The character set only: numbers in requests and logs keep the C locale's form.
+  ::setlocale(LC_CTYPE, "");
   unicode_ = std::string_view(::nl_langinfo(CODESET)) == "UTF-8";
   setUnicode(unicode_);
 
