@@ -57,6 +57,7 @@ herald::HeraldInboxListener::Callbacks InboxScreen::callbacks() {
           },
       .onError = [this](const herald::HeraldError& error) {
         loading_ = false;
+        if (!view_.loaded) loadFailure_ = error.message;
         app_.inboxFailed(error);
       },
       .onUnreadCountChanged =
@@ -68,6 +69,7 @@ herald::HeraldInboxListener::Callbacks InboxScreen::callbacks() {
           [this](const herald::InboxMessageSet& set) {
             view_.replace(InboxMessageFeed::feed, set);
             loading_ = false;
+            loadFailure_.reset();
             app_.inboxLoaded();
           },
       .onArchiveChanged =
@@ -121,6 +123,14 @@ void InboxScreen::draw(int top, int bottom, int cols) {
 void InboxScreen::drawList(MessageList& list, int top, int bottom, int cols) {
   const auto& theme = app_.theme();
   listRows_ = std::max(1, bottom - top);
+  if (!view_.loaded && loadFailure_) {
+    // Nothing to show yet: the whole reason, which the status line may have to cut.
+    int row = top + std::max(0, listRows_ / 2 - 3);
+    put(row++, 4, L"Could not load the inbox:", cols - 8, theme.error);
+    for (const auto& line : wrap(widen(*loadFailure_), cols - 8, 4)) put(row++, 4, line, cols - 8);
+    put(row + 1, 4, L"It is tried again by itself; R tries now.", cols - 8, theme.dim);
+    return;
+  }
   if (list.messages.empty() && !list.showsPaginationRow()) {
     const std::wstring text = !view_.loaded ? L"Loading" + glyph(L"\u2026", L"...")
                               : tab_ == InboxMessageFeed::feed ? L"No messages"

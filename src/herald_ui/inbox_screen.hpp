@@ -40,6 +40,8 @@ class InboxScreen : public Screen {
   InboxView view_;
   herald::InboxMessageFeed tab_ = herald::InboxMessageFeed::feed;
   bool loading_ = false;
+  /// Why the inbox could not be loaded, while it never has been.
+  std::optional<std::string> loadFailure_;
   /// The message shown in its box (Enter); none when the list is shown.
   herald::InboxMessagePtr opened_;
   /// The list's last drawing showed its pagination row.

@@ -322,6 +322,16 @@ TEST_F(Screens, ALostConnectionIsShownAndTheInboxComesBackByItself) {
   ASSERT_TRUE(term.waitFor("After the break")) << term.lastCapture();
 }
 
+TEST_F(Screens, AServiceOutOfReachIsSaidInFullAndTriedAgain) {
+  signIn();
+  ASSERT_EQ(sandbox_.stop(), 0);
+  Terminal term(ui());
+  ASSERT_TRUE(term.waitFor("Could not load the inbox:")) << term.lastCapture();
+  EXPECT_NE(term.capture().find("Could not connect to the server"), std::string::npos)
+      << term.lastCapture();
+  ASSERT_TRUE(term.waitFor("Could not load the inbox (retrying in 2 s)")) << term.lastCapture();
+}
+
 TEST_F(Screens, NobodySignedInIsToldTheCommandToRun) {
   Terminal term(uiThenReport());
   ASSERT_TRUE(term.waitFor("Nobody is signed in.")) << term.lastCapture();
