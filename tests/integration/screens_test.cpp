@@ -9,8 +9,6 @@
 #include <cctype>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <regex>
 
 #include "integration/processes.hpp"
@@ -40,22 +38,6 @@ std::string rowWith(const std::string& screen, const std::string& text) {
   for (const auto& row : rows(screen))
     if (row.find(text) != std::string::npos) return row;
   return "";
-}
-
-// The one child of `parent` (the program a shell runs), from /proc; -1 when there is none.
-pid_t childOf(pid_t parent) {
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::ifstream stat(entry.path() / "stat");
-    std::string line;
-    if (!std::getline(stat, line)) continue;
-    // pid (name) state ppid …: the name may hold spaces, so read from its closing bracket.
-    std::istringstream rest(line.substr(line.rfind(')') + 1));
-    std::string state;
-    pid_t ppid = -1;
-    rest >> state >> ppid;
-    if (ppid == parent) return std::stoi(entry.path().filename().string());
-  }
-  return -1;
 }
 
 class Screens : public ::testing::Test {

@@ -239,22 +239,27 @@ pid_t Terminal::panePid() {
   return toInt(format("#{pane_pid}"), "pane_pid");
 }
 
+pid_t childOf(pid_t parent) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream stat(entry.path() / "stat");
+    std::string line;
+    if (!std::getline(stat, line)) continue;
+    // "pid (name) state ppid ...": the name may hold spaces, so read after its bracket.
+    std::istringstream rest(line.substr(line.rfind(')') + 1));
+    std::string state;
+    pid_t ppid = -1;
+    rest >> state >> ppid;
+    if (ppid == parent) return toInt(entry.path().filename().string(), "pid");
+  }
+  return -1;
+}
+
 pid_t Terminal::pid() {
   // The program is the one child of the pane's shell; it may take a moment to be started.
   const pid_t shell = panePid();
   const auto deadline = Clock::now() + 2s;
   while (true) {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-      std::ifstream stat(entry.path() / "stat");
-      std::string line;
-      if (!std::getline(stat, line)) continue;
-      // "pid (name) state ppid ...": the name may hold spaces, so read after its bracket.
-      std::istringstream rest(line.substr(line.rfind(')') + 1));
-      std::string state;
-      pid_t parent = -1;
-      rest >> state >> parent;
-      if (parent == shell) return toInt(entry.path().filename().string(), "pid");
-    }
+    if (const pid_t program = childOf(shell); program > 0) return program;
     if (Clock::now() >= deadline) return shell;
     std::this_thread::sleep_for(10ms);
   }

@@ -103,5 +103,7 @@ class Terminal {
 
 /// Whether the process runs: one that ended but is not yet reaped (a zombie) does not.
 bool processRunning(pid_t pid);
+/// A child of `parent` (the program a shell runs), from /proc; -1 when it has none.
+pid_t childOf(pid_t parent);
 
 }  // namespace integration
