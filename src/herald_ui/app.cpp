@@ -1,6 +1,7 @@
 #include "herald_ui/app.hpp"
 
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,8 +118,7 @@ App::App(const Options& options, Terminal& terminal) : options_(options), termin
   const bool noColor = isSet("NO_COLOR");
   if (!noColor && has_colors()) start_color();
   theme_ = Theme::make(colourDepth(noColor, has_colors(), COLORS), accent);
-  auto inbox = std::make_unique<InboxScreen>(*this);
-  inbox_ = std::move(inbox);
+  inbox_ = std::make_unique<InboxScreen>(*this);
   preferences_ = std::make_unique<PreferencesScreen>(*this);
   screen_ = inbox_.get();
 }
@@ -134,14 +134,22 @@ int App::run() {
                             [this, &waitForKeys](const boost::system::error_code& error) {
                               if (error) return;
                               wint_t code = 0;
-                              int kind = 0;
+                              int kind = 0, keys = 0;
                               while ((kind = wget_wch(stdscr, &code)) != ERR) {
+                                ++keys;
                                 if (kind == KEY_CODE_YES && code == KEY_RESIZE) {
                                   terminal_.resize();
                                   continue;
                                 }
                                 handleKey({code, kind == KEY_CODE_YES});
                               }
+                              // Readable with nothing to read: the terminal has gone (a
+                              // hang-up without SIGHUP); waiting again would spin.
+                              int pending = 0;
+                              if (keys == 0 &&
+                                  ::ioctl(terminal_.inputFd(), FIONREAD, &pending) == 0 &&
+                                  pending == 0)
+                                return quit();
                               redraw();
                               waitForKeys();
                             });
