@@ -5,7 +5,9 @@
 #   make bench   the benchmarks in bench/
 .PHONY: all bootstrap configure build test test-fast asan tsan demo bench format clean
 
-WERROR := $(if $(CI),ON,OFF)
+# CI turns warnings into errors; otherwise a build keeps what it was configured with, so that
+# make demo after CI=true make test does not rebuild everything for a changed flag.
+WERROR := $(if $(CI),-DHERALD_WERROR=ON,)
 
 all: build
 
@@ -13,7 +15,7 @@ bootstrap:
 	@scripts/bootstrap
 
 configure: bootstrap
-	@cmake --preset default -DHERALD_WERROR=$(WERROR) >/dev/null
+	@cmake --preset default $(WERROR) >/dev/null
 
 build: configure
 	@cmake --build --preset default
@@ -22,7 +24,7 @@ test-fast: build
 	@ctest --preset default
 
 asan: bootstrap
-	@cmake --preset asan -DHERALD_WERROR=$(WERROR) >/dev/null
+	@cmake --preset asan $(WERROR) >/dev/null
 	@cmake --build --preset asan
 	@ctest --preset asan
 
@@ -30,7 +32,7 @@ asan: bootstrap
 # needs no ThreadSanitizer of its own.
 tsan: configure
 	@cmake --build --preset default --target herald-sandbox
-	@cmake --preset tsan -DHERALD_WERROR=$(WERROR) >/dev/null
+	@cmake --preset tsan $(WERROR) >/dev/null
 	@cmake --build --preset tsan
 	@ctest --preset tsan
 
