@@ -5,6 +5,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,13 +28,17 @@ struct Ending {
   bool ended = false;
   int status = ExitStatus::success;
 
-  bool end(int exitStatus) {
-    std::lock_guard lock(mutex);
-    if (ended) return false;
-    ended = true;
-    status = exitStatus;
+  /// The first end says why (`say`) and only then stops the main queue: once it has stopped,
+  /// the process may be gone before a line written after it.
+  void end(int exitStatus, const std::function<void()>& say) {
+    {
+      std::lock_guard lock(mutex);
+      if (ended) return;
+      ended = true;
+      status = exitStatus;
+    }
+    say();
     platform::MainQueue::shared().stop();
-    return true;
   }
 };
 
@@ -76,18 +81,20 @@ int watchRawInbox(const WatchRequest& request, Context& context) {
     note("watching " + where + " as " + user + " (Ctrl-C ends)");
   };
   socket->onError = [ending, &report](const platform::Error& error) {
-    if (!ending->end(ExitStatus::unreachable)) return;
-    report.failure(Failure{error.code(), error.localizedDescription(), error.domain(),
-                           ExitStatus::unreachable},
-                   "inbox watch");
+    ending->end(ExitStatus::unreachable, [&] {
+      report.failure(Failure{error.code(), error.localizedDescription(), error.domain(),
+                             ExitStatus::unreachable},
+                     "inbox watch");
+    });
   };
   socket->onClose = [ending, &report](platform::WebSocketCloseCode code,
                                       std::optional<std::string> reason) {
-    if (!ending->end(ExitStatus::unreachable)) return;
-    report.failure(Failure{std::nullopt, "the service closed the connection (" +
-                                             describe(code, reason) + ")",
-                           "connection_closed", ExitStatus::unreachable},
-                   "inbox watch");
+    ending->end(ExitStatus::unreachable, [&] {
+      report.failure(Failure{std::nullopt, "the service closed the connection (" +
+                                               describe(code, reason) + ")",
+                             "connection_closed", ExitStatus::unreachable},
+                     "inbox watch");
+    });
   };
 
   boost::asio::signal_set signals(platform::MainQueue::shared().executor(), SIGINT, SIGTERM);
@@ -98,7 +105,7 @@ int watchRawInbox(const WatchRequest& request, Context& context) {
     socket->onClose = nullptr;
     closing = socket->webSocketTask();
     socket->disconnect();
-    if (ending->end(ExitStatus::success)) note("closed (code 1000)");
+    ending->end(ExitStatus::success, [&] { note("closed (code 1000)"); });
   });
 
   platform::blockOn(socket->connect());
@@ -114,10 +121,11 @@ int watchRawInbox(const WatchRequest& request, Context& context) {
     const auto task = socket->webSocketTask();
     const bool ended = !task || task->state() == platform::WebSocketTask::State::completed;
     if (ended && sawEnd) {
-      if (ending->end(ExitStatus::unreachable))
+      ending->end(ExitStatus::unreachable, [&] {
         report.failure(Failure{std::nullopt, "the connection ended", "connection_closed",
                                ExitStatus::unreachable},
                        "inbox watch");
+      });
       return;
     }
     sawEnd = ended;
