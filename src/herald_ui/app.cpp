@@ -83,7 +83,6 @@ struct App::Loop {
   boost::asio::signal_set stops, resize;
   boost::asio::steady_timer clock, retry;
   bool retryPending = false;
-  std::shared_ptr<herald::HeraldInboxListener> listener;
 };
 
 App::App(const Options& options, Terminal& terminal) : options_(options), terminal_(terminal) {
@@ -178,13 +177,10 @@ int App::run() {
   tick();
 
   // The listener's first callbacks (loading, then the state or the failure) come through
-  // the main queue like every later one.
+  // the main queue like every later one. It goes with the others when the screens end.
   auto& inbox = static_cast<InboxScreen&>(*inbox_);
   perform<std::shared_ptr<herald::HeraldInboxListener>>(
-      herald::Herald::shared().addInboxListener(inbox.callbacks()),
-      [this](std::shared_ptr<herald::HeraldInboxListener> listener) {
-        loop_->listener = std::move(listener);
-      },
+      herald::Herald::shared().addInboxListener(inbox.callbacks()), {},
       [this](const std::string& why) {
         setStatus(L"Could not start the inbox: " + widen(why), StatusKind::trouble);
       });
@@ -374,25 +370,20 @@ void App::scheduleRetry() {
   });
 }
 
+namespace {
+
+// A task without a value, as one with: perform's outcome is then a value or a failure.
+boost::asio::awaitable<bool> finished(boost::asio::awaitable<void> task) {
+  co_await std::move(task);
+  co_return true;
+}
+
+}  // namespace
+
 void App::perform(boost::asio::awaitable<void> task, std::function<void()> done, Failed failed) {
-  platform::spawnDetached([alive = alive_, task = std::move(task), done = std::move(done),
-                           failed = std::move(failed)]() mutable -> boost::asio::awaitable<void> {
-    std::optional<std::string> why;
-    try {
-      co_await std::move(task);
-    } catch (...) {
-      why = describe(std::current_exception());
-    }
-    platform::MainQueue::shared().post(
-        [alive, why = std::move(why), done = std::move(done), failed = std::move(failed)] {
-          if (!*alive) return;
-          if (!why) {
-            if (done) done();
-          } else if (failed) {
-            failed(*why);
-          }
-        });
-  });
+  std::function<void(bool)> then;
+  if (done) then = [done = std::move(done)](bool) { done(); };
+  perform<bool>(finished(std::move(task)), std::move(then), std::move(failed));
 }
 
 }  // namespace herald_ui

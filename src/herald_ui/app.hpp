@@ -56,9 +56,6 @@ class App {
   int run();
 
   const Theme& theme() const { return theme_; }
-  const Options& options() const { return options_; }
-  /// The user the screens are for; none when nobody is signed in.
-  const std::optional<std::string>& userId() const { return userId_; }
 
   /// Draws again once the work at hand is done (many changes, one drawing).
   void redraw();
@@ -97,6 +94,7 @@ class App {
   Terminal& terminal_;
   Theme theme_;
   bool footer_ = true;
+  /// The user the screens are for; none when nobody is signed in.
   std::optional<std::string> userId_;
   bool nobodySignedIn_ = false;
   std::wstring status_;

@@ -95,8 +95,8 @@ Terminal::Terminal(const std::string& logFile) {
 
   // The character set only: numbers in requests and logs keep the C locale's form.
   ::setlocale(LC_CTYPE, "");
-  unicode_ = std::string_view(::nl_langinfo(CODESET)) == "UTF-8";
-  setUnicode(unicode_);
+  // Otherwise the screens draw in ASCII.
+  setUnicode(std::string_view(::nl_langinfo(CODESET)) == "UTF-8");
 
   // ncurses gets descriptors of its own on the terminal; 1 and 2 then go to the log.
   inputFd_ = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
@@ -204,10 +204,6 @@ void putPadded(int row, int col, std::wstring_view text, int width, std::uint64_
   if (width <= 0) return;
   put(row, col, pad(text, width), width, attributes);
 }
-
-}  // namespace herald_ui
-
-namespace herald_ui {
 
 void drawBox(int top, int left, int height, int width, std::wstring_view title,
              std::uint64_t frame, std::uint64_t titleAttributes) {

@@ -32,8 +32,6 @@ class Terminal {
   int cols() const;
   /// Takes the window's size from the terminal again (after SIGWINCH).
   void resize();
-  /// Whether the locale takes UTF-8 (otherwise the screens draw in ASCII).
-  bool unicode() const { return unicode_; }
 
  private:
   void giveBack() noexcept;
@@ -43,7 +41,6 @@ class Terminal {
   void* in_ = nullptr;      // FILE*
   void* out_ = nullptr;     // FILE*
   void* screen_ = nullptr;  // SCREEN*
-  bool unicode_ = true;
   bool active_ = false;
 };
 
@@ -51,11 +48,6 @@ class Terminal {
 void put(int row, int col, std::wstring_view text, int width, std::uint64_t attributes = 0);
 /// `put`, padded with spaces to the whole `width` in the same attributes.
 void putPadded(int row, int col, std::wstring_view text, int width, std::uint64_t attributes = 0);
-
-}  // namespace herald_ui
-
-namespace herald_ui {
-
 /// A framed box (lines when the terminal takes Unicode, "+-|" otherwise) with `title` in its
 /// top edge; its inside is cleared.
 void drawBox(int top, int left, int height, int width, std::wstring_view title,

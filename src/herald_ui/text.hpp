@@ -19,8 +19,6 @@ std::wstring glyph(std::wstring_view unicodeForm, std::wstring_view asciiForm);
 /// Decodes UTF-8; a malformed byte becomes U+FFFD and a control character (a line break in a
 /// body, a tab) a space, so that one row stays one row.
 std::wstring widen(std::string_view utf8);
-/// The other way, for what goes back out (a link handed to another program).
-std::string narrow(std::wstring_view text);
 
 /// Columns one character takes: 0 for a combining mark, 2 for a wide one, 1 otherwise
 /// (also for what the locale cannot print, which `widen` has already replaced).

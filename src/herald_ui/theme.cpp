@@ -93,7 +93,6 @@ ColourDepth colourDepth(bool noColor, bool hasColours, int colours) {
 
 Theme Theme::make(ColourDepth depth, Rgb accent) {
   Theme theme;
-  theme.depth = depth;
   theme.bold = A_BOLD;
   theme.dim = A_DIM;
   if (depth == ColourDepth::none) {

@@ -46,7 +46,6 @@ struct Theme {
   std::uint64_t error = 0;         ///< the status line's trouble
   std::uint64_t button = 0;        ///< a message's action buttons
   std::uint64_t bold = 0;          ///< an unread title
-  ColourDepth depth = ColourDepth::none;
 
   /// Makes the colour pairs (after ncurses has started) for `accent` at `depth`.
   static Theme make(ColourDepth depth, Rgb accent);
