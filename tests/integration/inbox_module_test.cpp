@@ -125,6 +125,15 @@ class InboxModuleTest : public ::testing::Test {
   void signIn(const std::string& user) {
     platform::blockOn(herald_->signIn(user, std::nullopt, tokenFor(user), std::nullopt, false));
   }
+  // Ada signed in with "one" and then "two" (the feed's first page holds "two"), one message
+  // a page.
+  std::pair<std::string, std::string> twoMessagesOneAPage() {
+    platform::blockOn(herald_->setPaginationLimit(1));
+    auto m1 = addMessage("ada", "one");
+    auto m2 = addMessage("ada", "two");
+    signIn("ada");
+    return {std::move(m1), std::move(m2)};
+  }
   std::string addMessage(const std::string& user, const std::string& title) const {
     const auto added = call(url("/_sandbox/users/" + user + "/messages"), "POST",
                             platform::toJSON(json::object{{"title", title}}));
@@ -374,10 +383,7 @@ TEST_F(InboxModuleTest, SocketMessagesGoOnTopAndEventsFromAnotherDeviceAreApplie
 }
 
 TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) {
-  platform::blockOn(herald_->setPaginationLimit(1));
-  const auto m1 = addMessage("ada", "one");
-  const auto m2 = addMessage("ada", "two");
-  signIn("ada");
+  const auto [m1, m2] = twoMessagesOneAPage();
   Heard heard;
   ASSERT_TRUE(loaded(heard));
   EXPECT_EQ(heard.lines[1], "feed [" + m2 + "{}]");
@@ -400,10 +406,7 @@ TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) 
 }
 
 TEST_F(InboxModuleTest, ARefusedChangeIsUndoneAndWhatArrivedMeanwhileStays) {
-  platform::blockOn(herald_->setPaginationLimit(1));
-  const auto m1 = addMessage("ada", "one");
-  const auto m2 = addMessage("ada", "two");
-  signIn("ada");
+  const auto [m1, m2] = twoMessagesOneAPage();
   Heard heard;
   ASSERT_TRUE(loaded(heard));
   ASSERT_TRUE(waitForSubscribed(1));
