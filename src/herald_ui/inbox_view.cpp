@@ -31,6 +31,8 @@ void InboxView::addPage(InboxMessageFeed feed, const herald::InboxMessageSet& pa
   auto& l = list(feed);
   l.messages.insert(l.messages.end(), page.messages.begin(), page.messages.end());
   l.canPaginate = page.canPaginate;
+  // A page came after all (another caller's, say): paging works, whatever was said before.
+  l.pageError.reset();
 }
 
 void InboxView::change(InboxMessageFeed feed, std::int64_t index,

@@ -136,7 +136,9 @@ TEST(InboxList, TheCursorStaysOnItsMessageWhileTheListChangesAroundIt) {
 
   // A page goes to the end and says whether more follow; a failed page is forgotten by the
   // next state, as is the cursor past its end.
+  view.list(feed).pageError = "no page came back";
   view.addPage(feed, set({"e"}, false));
+  EXPECT_FALSE(view.list(feed).pageError);
   EXPECT_EQ(ids(view.list(feed)), (std::vector<std::string>{"new", "b", "e"}));
   EXPECT_FALSE(view.list(feed).canPaginate);
   view.moveTo(feed, 99);
