@@ -177,10 +177,12 @@ TEST(ColourProfiles, DisplayP3BecomesWhatLittleCmsRendersInSrgb) {
       {"PNG", withPngChunk(png, "iCCP", iccpChunk(p3))},
       {"WebP", withWebpChunks(webp, {{"ICCP", p3}}, 2, 2, false)},
       {"TIFF", withTiffTags(tiff, {{34675, 7, static_cast<std::uint32_t>(p3.size()), p3}})}};
+  // 8-bit matrix-shaper profiles are converted by tables built from LittleCMS's reading of
+  // the profile, which round a little differently from its own transform.
   for (const auto& [format, bytes] : tagged) {
     const Image image = decoded(bytes);
     ASSERT_EQ(image.pixels().type(), CV_8UC3) << format;
-    EXPECT_EQ(cv::norm(image.pixels(), expected, cv::NORM_INF), 0) << format;
+    EXPECT_LE(cv::norm(image.pixels(), expected, cv::NORM_INF), 1) << format;
   }
   // The pixel: green 0.1633 in sRGB, not the stored 0.2353; monochrome 0.1652.
   const Image orange = decoded(tagged[0].second);
@@ -191,7 +193,29 @@ TEST(ColourProfiles, DisplayP3BecomesWhatLittleCmsRendersInSrgb) {
   const Bytes jpeg = encode(".jpg", stored, {cv::IMWRITE_JPEG_QUALITY, 100});
   const Image plain = decoded(jpeg);
   const Image managed = decoded(withJpegProfile(jpeg, p3));
-  EXPECT_EQ(cv::norm(managed.pixels(), renderedBy(p3, plain.pixels()), cv::NORM_INF), 0);
+  EXPECT_LE(cv::norm(managed.pixels(), renderedBy(p3, plain.pixels()), cv::NORM_INF), 1);
+
+  // A grey image with a grey profile (gamma 1.8) goes through LittleCMS's transform.
+  cmsToneCurve* gamma = cmsBuildGamma(nullptr, 1.8);
+  cmsHPROFILE greyProfile = cmsCreateGrayProfile(cmsD50_xyY(), gamma);
+  cmsHPROFILE srgbProfile = cmsCreate_sRGBProfile();
+  cmsHTRANSFORM greyToSrgb = cmsCreateTransform(greyProfile, TYPE_GRAY_8, srgbProfile, TYPE_BGR_8,
+                                                INTENT_RELATIVE_COLORIMETRIC, 0);
+  const unsigned char greyValue = 100;
+  cv::Vec3b greyExpected;
+  cmsDoTransform(greyToSrgb, &greyValue, greyExpected.val, 1);
+  cmsUInt32Number greySize = 0;
+  cmsSaveProfileToMem(greyProfile, nullptr, &greySize);
+  Bytes greyBytes(greySize);
+  cmsSaveProfileToMem(greyProfile, greyBytes.data(), &greySize);
+  cmsDeleteTransform(greyToSrgb);
+  cmsCloseProfile(greyProfile);
+  cmsCloseProfile(srgbProfile);
+  cmsFreeToneCurve(gamma);
+  const Image grey = decoded(withPngChunk(encode(".png", cv::Mat(1, 1, CV_8UC1, cv::Scalar(greyValue))),
+                                          "iCCP", iccpChunk(greyBytes)));
+  EXPECT_EQ(grey.pixels().at<cv::Vec3b>(0, 0), greyExpected);
+  EXPECT_NE(greyExpected, cv::Vec3b(greyValue, greyValue, greyValue));
 
   // 16 bits stay 16 bits through the transform.
   cv::Mat deep;
