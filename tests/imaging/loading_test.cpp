@@ -160,7 +160,7 @@ cv::Vec3f colourAt(const Image& image, int y, int x) {
 
 TEST(ColourProfiles, DisplayP3BecomesWhatLittleCmsRendersInSrgb) {
   const Bytes p3 = displayP3();
-  // Stored as P3 values: an orange the phone wrote, a saturated green past sRGB's
+  // Stored as P3 values: an orange as a phone writes it, a saturated green past sRGB's
   // gamut, neutral grey, white.
   cv::Mat stored(2, 2, CV_8UC3);
   stored.at<cv::Vec3b>(0, 0) = {40, 60, 200};
@@ -184,7 +184,19 @@ TEST(ColourProfiles, DisplayP3BecomesWhatLittleCmsRendersInSrgb) {
     ASSERT_EQ(image.pixels().type(), CV_8UC3) << format;
     EXPECT_LE(cv::norm(image.pixels(), expected, cv::NORM_INF), 1) << format;
   }
-  // The pixel: green 0.1633 in sRGB, not the stored 0.2353; monochrome 0.1652.
+  // Alpha rides along untouched.
+  cv::Mat translucent;
+  cv::cvtColor(stored, translucent, cv::COLOR_BGR2BGRA);
+  translucent.at<cv::Vec4b>(0, 0)[3] = 77;
+  const Image withAlpha = decoded(withPngChunk(encode(".png", translucent), "iCCP", iccpChunk(p3)));
+  cv::Mat colour, alpha;
+  cv::cvtColor(withAlpha.pixels(), colour, cv::COLOR_BGRA2BGR);
+  cv::extractChannel(withAlpha.pixels(), alpha, 3);
+  EXPECT_LE(cv::norm(colour, expected, cv::NORM_INF), 1);
+  EXPECT_EQ(alpha.at<uchar>(0, 0), 77);
+  EXPECT_EQ(alpha.at<uchar>(1, 1), 255);
+
+  // A phone's orange: green 0.1633 in sRGB, not the stored 0.2353; monochrome 0.1652.
   const Image orange = decoded(tagged[0].second);
   EXPECT_NEAR(colourAt(orange, 0, 0)[1], 0.1633, 0.002);
   EXPECT_NEAR(orange.toMLMultiArray(true)->at(0, 0, 0, 0), 0.1652, 0.002);
