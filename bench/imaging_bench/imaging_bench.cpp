@@ -15,13 +15,12 @@
 // real time and in CPU time, which other work on a busy machine disturbs less.
 
 #include <benchmark/benchmark.h>
-
 #include <malloc.h>
 
 #include <cstring>
-#include <string_view>
 #include <opencv2/dnn/dnn.hpp>
 #include <opencv2/imgcodecs.hpp>
+#include <string_view>
 #include <vector>
 
 #include "imaging/image.hpp"
@@ -51,7 +50,8 @@ const imaging_test::Bytes& jpeg() {
 }
 
 const imaging_test::Bytes& p3Jpeg() {
-  static const imaging_test::Bytes bytes = imaging_test::withJpegProfile(jpeg(), imaging_test::displayP3());
+  static const imaging_test::Bytes bytes =
+      imaging_test::withJpegProfile(jpeg(), imaging_test::displayP3());
   return bytes;
 }
 
@@ -67,8 +67,12 @@ void tensor(benchmark::State& state, bool monochrome) {
     benchmark::DoNotOptimize(t->values().data());
   }
 }
-void BM_Colour(benchmark::State& state) { tensor(state, false); }
-void BM_Monochrome(benchmark::State& state) { tensor(state, true); }
+void BM_Colour(benchmark::State& state) {
+  tensor(state, false);
+}
+void BM_Monochrome(benchmark::State& state) {
+  tensor(state, true);
+}
 
 void BM_BlobFromImage(benchmark::State& state) {
   const cv::Mat& pixels = picture().pixels();
@@ -87,8 +91,12 @@ void memcpyFloor(benchmark::State& state, int planes) {
     benchmark::DoNotOptimize(out.data);
   }
 }
-void BM_MemcpyColour(benchmark::State& state) { memcpyFloor(state, 3); }
-void BM_MemcpyMonochrome(benchmark::State& state) { memcpyFloor(state, 1); }
+void BM_MemcpyColour(benchmark::State& state) {
+  memcpyFloor(state, 3);
+}
+void BM_MemcpyMonochrome(benchmark::State& state) {
+  memcpyFloor(state, 1);
+}
 
 void load(benchmark::State& state, const imaging_test::Bytes& bytes, bool monochrome) {
   for (auto _ : state) {
@@ -96,10 +104,18 @@ void load(benchmark::State& state, const imaging_test::Bytes& bytes, bool monoch
     benchmark::DoNotOptimize(t->values().data());
   }
 }
-void BM_LoadColourSrgb(benchmark::State& state) { load(state, jpeg(), false); }
-void BM_LoadColourP3(benchmark::State& state) { load(state, p3Jpeg(), false); }
-void BM_LoadMonochromeSrgb(benchmark::State& state) { load(state, jpeg(), true); }
-void BM_LoadMonochromeP3(benchmark::State& state) { load(state, p3Jpeg(), true); }
+void BM_LoadColourSrgb(benchmark::State& state) {
+  load(state, jpeg(), false);
+}
+void BM_LoadColourP3(benchmark::State& state) {
+  load(state, p3Jpeg(), false);
+}
+void BM_LoadMonochromeSrgb(benchmark::State& state) {
+  load(state, jpeg(), true);
+}
+void BM_LoadMonochromeP3(benchmark::State& state) {
+  load(state, p3Jpeg(), true);
+}
 
 BENCHMARK(BM_Colour)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Monochrome)->Unit(benchmark::kMillisecond);
@@ -131,7 +147,8 @@ int main(int argc, char** argv) {
   reporter.printRatios("BM_MemcpyColour", {{"BM_Colour", "colour / memcpy"}});
   reporter.printRatios("BM_MemcpyMonochrome", {{"BM_Monochrome", "monochrome / memcpy"}});
   reporter.printRatios("BM_LoadColourSrgb", {{"BM_LoadColourP3", "colour load P3 / sRGB"}});
-  reporter.printRatios("BM_LoadMonochromeSrgb", {{"BM_LoadMonochromeP3", "monochrome load P3 / sRGB"}});
+  reporter.printRatios("BM_LoadMonochromeSrgb",
+                       {{"BM_LoadMonochromeP3", "monochrome load P3 / sRGB"}});
   benchmark::Shutdown();
   return 0;
 }

@@ -126,7 +126,8 @@ class Image {
   /// cannot be read or decoded: missing, a directory or a device, past `limits`, or not an
   /// image. A JPEG cut short gives the part that is there (the rest grey) and a log line;
   /// other formats cut short give none. Nothing is thrown.
-  static std::optional<Image> load(const std::filesystem::path& path, const DecodeLimits& limits = {});
+  static std::optional<Image> load(const std::filesystem::path& path,
+                                   const DecodeLimits& limits = {});
   static std::optional<Image> decode(std::span<const unsigned char> bytes,
                                      const DecodeLimits& limits = {});
 

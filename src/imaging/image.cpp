@@ -102,7 +102,9 @@ cv::Mat oriented(const cv::Mat& pixels, int orientation) {
   }
 }
 
-std::string count(std::uint64_t n) { return std::to_string(n); }
+std::string count(std::uint64_t n) {
+  return std::to_string(n);
+}
 
 // The image, or none with the reason; an image with a reason is partial.
 struct Decoded {
@@ -113,7 +115,8 @@ struct Decoded {
 Decoded decodeBytes(std::span<const unsigned char> bytes, const DecodeLimits& limits) {
   if (bytes.empty()) return {std::nullopt, "there are no bytes"};
   if (bytes.size() > limits.maxBytes)
-    return {std::nullopt, count(bytes.size()) + " bytes are past the limit of " + count(limits.maxBytes)};
+    return {std::nullopt,
+            count(bytes.size()) + " bytes are past the limit of " + count(limits.maxBytes)};
   const auto container = internal::inspect(bytes);
   const auto tooMany = [&](std::uint64_t width, std::uint64_t height) {
     return width * height > limits.maxPixels || (height != 0 && width > limits.maxPixels / height);
@@ -134,7 +137,8 @@ Decoded decodeBytes(std::span<const unsigned char> bytes, const DecodeLimits& li
     return {std::nullopt, "OpenCV cannot decode it: " + e.msg};
   }
   if (pixels.empty())
-    return {std::nullopt, container.truncated ? "the data ends early" : "it is not an image OpenCV decodes"};
+    return {std::nullopt,
+            container.truncated ? "the data ends early" : "it is not an image OpenCV decodes"};
   if (tooMany(static_cast<std::uint64_t>(pixels.cols), static_cast<std::uint64_t>(pixels.rows)))
     return {std::nullopt, pixelProblem(static_cast<std::uint64_t>(pixels.cols),
                                        static_cast<std::uint64_t>(pixels.rows))};
@@ -163,7 +167,8 @@ Decoded decodeBytes(std::span<const unsigned char> bytes, const DecodeLimits& li
 // The file's bytes, or none with the reason in `problem`. Only regular files are read: a
 // device such as /dev/zero would never end.
 std::optional<std::vector<unsigned char>> readFile(const std::filesystem::path& path,
-                                                   const DecodeLimits& limits, std::string& problem) {
+                                                   const DecodeLimits& limits,
+                                                   std::string& problem) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
   if (error) {
@@ -239,7 +244,8 @@ std::optional<Image> Image::load(const std::filesystem::path& path, const Decode
   return std::move(decoded.image);
 }
 
-std::optional<Image> Image::decode(std::span<const unsigned char> bytes, const DecodeLimits& limits) {
+std::optional<Image> Image::decode(std::span<const unsigned char> bytes,
+                                   const DecodeLimits& limits) {
   Decoded decoded;
   try {
     decoded = decodeBytes(bytes, limits);

@@ -44,7 +44,8 @@ class Lineariser {
   static constexpr int kSteps = 4096;
 
   Lineariser() {
-    for (int i = 0; i <= kSteps; ++i) table_[i] = static_cast<float>(srgbToLinear(double(i) / kSteps));
+    for (int i = 0; i <= kSteps; ++i)
+      table_[i] = static_cast<float>(srgbToLinear(double(i) / kSteps));
   }
 
   float operator()(float v) const {
@@ -70,7 +71,9 @@ struct WeightedTables {
   }
 };
 
-double fullScale(int depth) { return depth == CV_8U ? 255.0 : depth == CV_16U ? 65535.0 : 1.0; }
+double fullScale(int depth) {
+  return depth == CV_8U ? 255.0 : depth == CV_16U ? 65535.0 : 1.0;
+}
 
 // One image into its planes of the tensor (`planes[0]` red, then green, blue; or the one
 // luminance plane), for the strips in `strips`.
@@ -113,7 +116,8 @@ void fillStrips(const cv::Mat& pixels, const std::vector<cv::Mat>& planes, bool 
         for (int x = 0; x < width; ++x, p += channels) {
           const float a = channels == 4 ? p[3] : 1.0f;
           o[x] = kLuminanceWeights[0] * linearise(p[0] * a) +
-                 kLuminanceWeights[1] * linearise(p[1] * a) + kLuminanceWeights[2] * linearise(p[2] * a);
+                 kLuminanceWeights[1] * linearise(p[1] * a) +
+                 kLuminanceWeights[2] * linearise(p[2] * a);
         }
       }
       continue;

@@ -38,11 +38,13 @@ Bytes encode(const std::string& ext, const cv::Mat& pixels, std::vector<int> par
 
 // LittleCMS's own rendering of BGR `pixels` from `profile` into sRGB, the oracle.
 cv::Mat renderedBy(const Bytes& profile, const cv::Mat& pixels) {
-  cmsHPROFILE from = cmsOpenProfileFromMem(profile.data(), static_cast<cmsUInt32Number>(profile.size()));
+  cmsHPROFILE from =
+      cmsOpenProfileFromMem(profile.data(), static_cast<cmsUInt32Number>(profile.size()));
   cmsHPROFILE to = cmsCreate_sRGBProfile();
   const bool deep = pixels.depth() == CV_16U;
-  cmsHTRANSFORM t = cmsCreateTransform(from, deep ? TYPE_BGR_16 : TYPE_BGR_8, to,
-                                       deep ? TYPE_BGR_16 : TYPE_BGR_8, INTENT_RELATIVE_COLORIMETRIC, 0);
+  cmsHTRANSFORM t =
+      cmsCreateTransform(from, deep ? TYPE_BGR_16 : TYPE_BGR_8, to, deep ? TYPE_BGR_16 : TYPE_BGR_8,
+                         INTENT_RELATIVE_COLORIMETRIC, 0);
   cv::Mat out(pixels.size(), pixels.type());
   for (int y = 0; y < pixels.rows; ++y)
     cmsDoTransform(t, pixels.ptr(y), out.ptr(y), static_cast<cmsUInt32Number>(pixels.cols));
@@ -95,7 +97,8 @@ Bytes withWebpChunks(const Bytes& webp, const std::vector<std::pair<std::string,
   };
   Bytes vp8x{static_cast<unsigned char>(0x20 | 0x08 | (alpha ? 0x10 : 0)), 0, 0, 0};  // ICC, EXIF
   for (int v : {width - 1, height - 1})
-    for (int shift = 0; shift < 24; shift += 8) vp8x.push_back(static_cast<unsigned char>(v >> shift));
+    for (int shift = 0; shift < 24; shift += 8)
+      vp8x.push_back(static_cast<unsigned char>(v >> shift));
   Bytes body = bytesOf("WEBP") + chunk("VP8X", vp8x);
   for (const auto& [type, data] : chunks) body = body + chunk(type, data);
   body = body + Bytes(webp.begin() + 12, webp.end());
@@ -209,23 +212,21 @@ TEST(ColourProfiles, DisplayP3BecomesWhatLittleCmsRendersInSrgb) {
 
   // A grey image with a grey profile (gamma 1.8) goes through LittleCMS's transform.
   cmsToneCurve* gamma = cmsBuildGamma(nullptr, 1.8);
-  cmsHPROFILE greyProfile = cmsCreateGrayProfile(cmsD50_xyY(), gamma);
+  const Bytes greyBytes = savedAndClosed(cmsCreateGrayProfile(cmsD50_xyY(), gamma));
+  cmsFreeToneCurve(gamma);
+  const unsigned char greyValue = 100;
+  cv::Vec3b greyExpected;
+  cmsHPROFILE greyProfile =
+      cmsOpenProfileFromMem(greyBytes.data(), static_cast<cmsUInt32Number>(greyBytes.size()));
   cmsHPROFILE srgbProfile = cmsCreate_sRGBProfile();
   cmsHTRANSFORM greyToSrgb = cmsCreateTransform(greyProfile, TYPE_GRAY_8, srgbProfile, TYPE_BGR_8,
                                                 INTENT_RELATIVE_COLORIMETRIC, 0);
-  const unsigned char greyValue = 100;
-  cv::Vec3b greyExpected;
   cmsDoTransform(greyToSrgb, &greyValue, greyExpected.val, 1);
-  cmsUInt32Number greySize = 0;
-  cmsSaveProfileToMem(greyProfile, nullptr, &greySize);
-  Bytes greyBytes(greySize);
-  cmsSaveProfileToMem(greyProfile, greyBytes.data(), &greySize);
   cmsDeleteTransform(greyToSrgb);
   cmsCloseProfile(greyProfile);
   cmsCloseProfile(srgbProfile);
-  cmsFreeToneCurve(gamma);
-  const Image grey = decoded(withPngChunk(encode(".png", cv::Mat(1, 1, CV_8UC1, cv::Scalar(greyValue))),
-                                          "iCCP", iccpChunk(greyBytes)));
+  const Image grey = decoded(withPngChunk(
+      encode(".png", cv::Mat(1, 1, CV_8UC1, cv::Scalar(greyValue))), "iCCP", iccpChunk(greyBytes)));
   EXPECT_EQ(grey.pixels().at<cv::Vec3b>(0, 0), greyExpected);
   EXPECT_NE(greyExpected, cv::Vec3b(greyValue, greyValue, greyValue));
 
@@ -241,12 +242,7 @@ TEST(ColourProfiles, DisplayP3BecomesWhatLittleCmsRendersInSrgb) {
 TEST(ColourProfiles, SrgbAndUnreadableProfilesLeaveThePixels) {
   cv::Mat stored(1, 1, CV_8UC3, cv::Scalar(40, 60, 200));
   const Bytes png = encode(".png", stored);
-  cmsHPROFILE srgb = cmsCreate_sRGBProfile();
-  cmsUInt32Number size = 0;
-  cmsSaveProfileToMem(srgb, nullptr, &size);
-  Bytes srgbBytes(size);
-  cmsSaveProfileToMem(srgb, srgbBytes.data(), &size);
-  cmsCloseProfile(srgb);
+  const Bytes srgbBytes = savedAndClosed(cmsCreate_sRGBProfile());
 
   platform::CapturedLog log;
   EXPECT_EQ(decoded(withPngChunk(png, "iCCP", iccpChunk(srgbBytes))).pixels().at<cv::Vec3b>(0, 0),
@@ -270,14 +266,22 @@ TEST(ColourProfiles, SrgbAndUnreadableProfilesLeaveThePixels) {
 // side stored row 0 is on, and which side stored column 0.
 cv::Point shownAt(int orientation, int r, int c, int width, int height) {
   switch (orientation) {
-    case 1: return {c, r};                            // row 0 top, column 0 left
-    case 2: return {width - 1 - c, r};                // top, right
-    case 3: return {width - 1 - c, height - 1 - r};   // bottom, right
-    case 4: return {c, height - 1 - r};               // bottom, left
-    case 5: return {r, c};                            // left, top
-    case 6: return {height - 1 - r, c};               // right, top
-    case 7: return {height - 1 - r, width - 1 - c};   // right, bottom
-    default: return {r, width - 1 - c};               // 8: left, bottom
+    case 1:
+      return {c, r};  // row 0 top, column 0 left
+    case 2:
+      return {width - 1 - c, r};  // top, right
+    case 3:
+      return {width - 1 - c, height - 1 - r};  // bottom, right
+    case 4:
+      return {c, height - 1 - r};  // bottom, left
+    case 5:
+      return {r, c};  // left, top
+    case 6:
+      return {height - 1 - r, c};  // right, top
+    case 7:
+      return {height - 1 - r, width - 1 - c};  // right, bottom
+    default:
+      return {r, width - 1 - c};  // 8: left, bottom
   }
 }
 
@@ -329,6 +333,7 @@ TEST(Alpha, PngTiffAndWebpGiveOneTensor) {
   cv::Mat premultiplied;
   cv::cvtColor(rgba, premultiplied, cv::COLOR_RGBA2mRGBA);
   const Image png = decoded(encode(".png", rgba));
+  EXPECT_TRUE(png.hasAlpha());
   const auto expected = png.toMLMultiArray(false);
   const auto expectedMono = png.toMLMultiArray(true);
   EXPECT_NEAR(expected->at(0, 0, 0, 0), 128 / 255.0, 1e-6);  // white over black, once
@@ -338,8 +343,10 @@ TEST(Alpha, PngTiffAndWebpGiveOneTensor) {
       {"WebP", encode(".webp", rgba, {cv::IMWRITE_WEBP_QUALITY, 101})},
       {"TIFF, alpha unspecified", encode(".tiff", rgba)},
       // libtiff premultiplies this one on reading.
-      {"TIFF, unassociated alpha", withTiffTags(encode(".tiff", rgba), {{338, 3, 1, shortValue(2)}})},
-      {"TIFF, associated alpha", withTiffTags(encode(".tiff", premultiplied), {{338, 3, 1, shortValue(1)}})}};
+      {"TIFF, unassociated alpha",
+       withTiffTags(encode(".tiff", rgba), {{338, 3, 1, shortValue(2)}})},
+      {"TIFF, associated alpha",
+       withTiffTags(encode(".tiff", premultiplied), {{338, 3, 1, shortValue(1)}})}};
   for (const auto& [format, bytes] : files) {
     const Image image = decoded(bytes);
     EXPECT_EQ(image.pixels().at<cv::Vec4b>(0, 0), cv::Vec4b(255, 255, 255, 128)) << format;
@@ -354,10 +361,12 @@ TEST(Alpha, PngTiffAndWebpGiveOneTensor) {
   // 16-bit TIFFs come as stored: associated alpha is divided back, unassociated left.
   cv::Mat deep(1, 1, CV_16UC4, cv::Scalar(32768, 32768, 32768, 32768));
   EXPECT_EQ(decoded(withTiffTags(encode(".tiff", deep), {{338, 3, 1, shortValue(1)}}))
-                .pixels().at<cv::Vec4w>(0, 0),
+                .pixels()
+                .at<cv::Vec4w>(0, 0),
             cv::Vec4w(65535, 65535, 65535, 32768));
   EXPECT_EQ(decoded(withTiffTags(encode(".tiff", deep), {{338, 3, 1, shortValue(2)}}))
-                .pixels().at<cv::Vec4w>(0, 0),
+                .pixels()
+                .at<cv::Vec4w>(0, 0),
             cv::Vec4w(32768, 32768, 32768, 32768));
 }
 
@@ -383,7 +392,8 @@ TEST(Depth, SixteenBitAndFloatSourcesKeepTheirSteps) {
   const Bytes floats = encode(".tiff", cv::Mat(1, 2, CV_32FC3, cv::Scalar(0.123456f, 0.5f, 0.75f)));
   const Image image = decoded(floats);
   ASSERT_EQ(image.pixels().depth(), CV_32F);
-  EXPECT_EQ(colourAt(image, 0, 1)[2], cv::imdecode(floats, cv::IMREAD_UNCHANGED).at<cv::Vec3f>(0, 1)[0]);
+  EXPECT_EQ(colourAt(image, 0, 1)[2],
+            cv::imdecode(floats, cv::IMREAD_UNCHANGED).at<cv::Vec3f>(0, 1)[0]);
 }
 
 class BadInputs : public ::testing::Test {
@@ -396,7 +406,8 @@ class BadInputs : public ::testing::Test {
 
   std::filesystem::path file(const std::string& name, const Bytes& bytes) {
     std::ofstream(dir_ / name, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
     return dir_ / name;
   }
 
@@ -422,13 +433,16 @@ TEST_F(BadInputs, EachGivesNoneAndOneLogLine) {
       {"a directory", [&] { return Image::load(dir_); }, "directory"},
       {"a device", [&] { return Image::load("/dev/zero"); }, "not a regular file"},
       {"a missing file", [&] { return Image::load(dir_ / "missing.png"); }, "No such file"},
-      {"a file past the byte limit", [&] { return Image::load(file("big.png", png), small); }, "past the limit"},
+      {"a file past the byte limit", [&] { return Image::load(file("big.png", png), small); },
+       "past the limit"},
       {"bytes past the limit", [&] { return Image::decode(png, small); }, "past the limit"},
       {"a picture past the pixel limit", [&] { return Image::load(file("wide.png", png), few); },
        "300 x 300 pixels"},
-      {"a truncated PNG", [&] { return Image::decode(Bytes(png.begin(), png.begin() + png.size() / 2)); },
+      {"a truncated PNG",
+       [&] { return Image::decode(Bytes(png.begin(), png.begin() + png.size() / 2)); },
        "ends early"},
-      {"text", [&] { return Image::load(file("notes.png", bytesOf("not a picture"))); }, "not an image"},
+      {"text", [&] { return Image::load(file("notes.png", bytesOf("not a picture"))); },
+       "not an image"},
       {"nothing", [&] { return Image::decode(Bytes{}); }, "no bytes"},
   };
   for (const auto& c : cases) {

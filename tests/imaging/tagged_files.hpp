@@ -22,10 +22,22 @@ inline void put16le(Bytes& b, std::uint32_t v) {
   b.push_back(static_cast<unsigned char>(v));
   b.push_back(static_cast<unsigned char>(v >> 8));
 }
-inline Bytes bytesOf(const std::string& s) { return {s.begin(), s.end()}; }
+inline Bytes bytesOf(const std::string& s) {
+  return {s.begin(), s.end()};
+}
 inline Bytes operator+(Bytes a, const Bytes& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
+}
+
+// The profile's bytes; the profile is closed.
+inline Bytes savedAndClosed(cmsHPROFILE profile) {
+  cmsUInt32Number size = 0;
+  cmsSaveProfileToMem(profile, nullptr, &size);
+  Bytes bytes(size);
+  cmsSaveProfileToMem(profile, bytes.data(), &size);
+  cmsCloseProfile(profile);
+  return bytes;
 }
 
 // Display P3 as phones tag their photos: P3 primaries, D65, the sRGB curve.
@@ -35,12 +47,7 @@ inline Bytes displayP3() {
   const double params[] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
   cmsToneCurve* curve = cmsBuildParametricToneCurve(nullptr, 4, params);
   cmsToneCurve* curves[] = {curve, curve, curve};
-  cmsHPROFILE profile = cmsCreateRGBProfile(&d65, &primaries, curves);
-  cmsUInt32Number size = 0;
-  cmsSaveProfileToMem(profile, nullptr, &size);
-  Bytes bytes(size);
-  cmsSaveProfileToMem(profile, bytes.data(), &size);
-  cmsCloseProfile(profile);
+  Bytes bytes = savedAndClosed(cmsCreateRGBProfile(&d65, &primaries, curves));
   cmsFreeToneCurve(curve);
   return bytes;
 }
@@ -49,18 +56,21 @@ inline Bytes withJpegSegment(const Bytes& jpeg, int marker, const Bytes& data) {
   Bytes segment{0xFF, static_cast<unsigned char>(marker),
                 static_cast<unsigned char>((data.size() + 2) >> 8),
                 static_cast<unsigned char>(data.size() + 2)};
-  return Bytes(jpeg.begin(), jpeg.begin() + 2) + segment + data + Bytes(jpeg.begin() + 2, jpeg.end());
+  return Bytes(jpeg.begin(), jpeg.begin() + 2) + segment + data +
+         Bytes(jpeg.begin() + 2, jpeg.end());
 }
 
 // The profile in two APP2 chunks, as writers split profiles past 64 KB.
 inline Bytes withJpegProfile(const Bytes& jpeg, const Bytes& profile) {
   const auto half = static_cast<std::ptrdiff_t>(profile.size() / 2);
   const auto chunk = [&](int index, Bytes part) {
-    return bytesOf(std::string("ICC_PROFILE\0", 12)) + Bytes{static_cast<unsigned char>(index), 2} + part;
+    return bytesOf(std::string("ICC_PROFILE\0", 12)) + Bytes{static_cast<unsigned char>(index), 2} +
+           part;
   };
   // Second chunk first: the order of the sequence numbers counts, not that of the segments.
-  return withJpegSegment(withJpegSegment(jpeg, 0xE2, chunk(1, Bytes(profile.begin(), profile.begin() + half))),
-                         0xE2, chunk(2, Bytes(profile.begin() + half, profile.end())));
+  return withJpegSegment(
+      withJpegSegment(jpeg, 0xE2, chunk(1, Bytes(profile.begin(), profile.begin() + half))), 0xE2,
+      chunk(2, Bytes(profile.begin() + half, profile.end())));
 }
 
 }  // namespace imaging_test

@@ -69,7 +69,8 @@ struct Conversion {
 
 cv::Matx33d colorants(cmsHPROFILE profile) {
   cv::Matx33d m;
-  const cmsTagSignature tags[] = {cmsSigRedColorantTag, cmsSigGreenColorantTag, cmsSigBlueColorantTag};
+  const cmsTagSignature tags[] = {cmsSigRedColorantTag, cmsSigGreenColorantTag,
+                                  cmsSigBlueColorantTag};
   for (int c = 0; c < 3; ++c) {
     const auto* xyz = static_cast<const cmsCIEXYZ*>(cmsReadTag(profile, tags[c]));
     if (!xyz) return cv::Matx33d::zeros();
@@ -99,7 +100,8 @@ std::unique_ptr<MatrixShaper> makeMatrixShaper(cmsHPROFILE profile) {
   if (!inverse) return nullptr;
   for (int i = 0; i <= MatrixShaper::kGrid; ++i)
     shaper->encode[i] = cv::saturate_cast<uchar>(
-        255.0f * cmsEvalToneCurveFloat(inverse, static_cast<cmsFloat32Number>(i) / MatrixShaper::kGrid));
+        255.0f *
+        cmsEvalToneCurveFloat(inverse, static_cast<cmsFloat32Number>(i) / MatrixShaper::kGrid));
   cmsFreeToneCurve(inverse);
   return shaper;
 }
@@ -154,16 +156,26 @@ void MatrixShaper::apply(cv::Mat& pixels) const {
 
 cmsUInt32Number lcmsFormat(int type) {
   switch (type) {
-    case CV_8UC1: return TYPE_GRAY_8;
-    case CV_8UC3: return TYPE_BGR_8;
-    case CV_8UC4: return TYPE_BGRA_8;
-    case CV_16UC1: return TYPE_GRAY_16;
-    case CV_16UC3: return TYPE_BGR_16;
-    case CV_16UC4: return TYPE_BGRA_16;
-    case CV_32FC1: return TYPE_GRAY_FLT;
-    case CV_32FC3: return TYPE_BGR_FLT;
-    case CV_32FC4: return TYPE_BGRA_FLT;
-    default: return 0;
+    case CV_8UC1:
+      return TYPE_GRAY_8;
+    case CV_8UC3:
+      return TYPE_BGR_8;
+    case CV_8UC4:
+      return TYPE_BGRA_8;
+    case CV_16UC1:
+      return TYPE_GRAY_16;
+    case CV_16UC3:
+      return TYPE_BGR_16;
+    case CV_16UC4:
+      return TYPE_BGRA_16;
+    case CV_32FC1:
+      return TYPE_GRAY_FLT;
+    case CV_32FC3:
+      return TYPE_BGR_FLT;
+    case CV_32FC4:
+      return TYPE_BGRA_FLT;
+    default:
+      return 0;
   }
 }
 
@@ -174,9 +186,9 @@ int outputType(int type) {
 
 TransformHandle makeTransform(cmsHPROFILE profile, int type) {
   // NOCACHE: the one-pixel cache is what makes a transform unsafe to share between threads.
-  return TransformHandle(cmsCreateTransform(profile, lcmsFormat(type), srgb(),
-                                            lcmsFormat(outputType(type)), INTENT_RELATIVE_COLORIMETRIC,
-                                            cmsFLAGS_NOCACHE | cmsFLAGS_COPY_ALPHA));
+  return TransformHandle(
+      cmsCreateTransform(profile, lcmsFormat(type), srgb(), lcmsFormat(outputType(type)),
+                         INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_NOCACHE | cmsFLAGS_COPY_ALPHA));
 }
 
 // A profile that maps every colour of a coarse 8-bit grid onto itself, within a level, is
@@ -188,9 +200,9 @@ bool isSrgb(cmsHPROFILE profile) {
   if (!transform) return false;
   cv::Mat grid(1, 16 * 16 * 16, CV_8UC3);
   for (int i = 0; i < grid.cols; ++i)
-    grid.at<cv::Vec3b>(0, i) = cv::Vec3b(static_cast<uchar>((i & 15) * 17),
-                                         static_cast<uchar>(((i >> 4) & 15) * 17),
-                                         static_cast<uchar>((i >> 8) * 17));
+    grid.at<cv::Vec3b>(0, i) =
+        cv::Vec3b(static_cast<uchar>((i & 15) * 17), static_cast<uchar>(((i >> 4) & 15) * 17),
+                  static_cast<uchar>((i >> 8) * 17));
   cv::Mat out(grid.size(), grid.type());
   cmsDoTransform(transform.get(), grid.data, out.data, static_cast<cmsUInt32Number>(grid.cols));
   return cv::norm(grid, out, cv::NORM_INF) <= 1;
@@ -215,7 +227,8 @@ Conversion makeConversion(const std::string& bytes, int type) {
     conversion.identity = true;
     return conversion;
   }
-  if (CV_MAT_DEPTH(type) == CV_8U && !grey) conversion.matrixShaper = makeMatrixShaper(profile.get());
+  if (CV_MAT_DEPTH(type) == CV_8U && !grey)
+    conversion.matrixShaper = makeMatrixShaper(profile.get());
   if (conversion.matrixShaper) return conversion;
   conversion.transform = makeTransform(profile.get(), type);
   if (!conversion.transform)
@@ -265,7 +278,8 @@ cv::Mat toSrgb(cv::Mat pixels, const std::string& profile) {
   const auto transform = conversion->transform.get();
   cv::parallel_for_(cv::Range(0, pixels.rows), [&](const cv::Range& rows) {
     for (int y = rows.start; y < rows.end; ++y)
-      cmsDoTransform(transform, pixels.ptr(y), out.ptr(y), static_cast<cmsUInt32Number>(pixels.cols));
+      cmsDoTransform(transform, pixels.ptr(y), out.ptr(y),
+                     static_cast<cmsUInt32Number>(pixels.cols));
   });
   return out;
 }

@@ -17,19 +17,30 @@ using Bytes = std::span<const unsigned char>;
 // ICC profiles are a few kilobytes; a compressed one that inflates past this is an attack.
 constexpr std::size_t kMaxProfileBytes = 4u << 20;
 
-std::uint32_t be16(Bytes b, std::size_t at) { return (b[at] << 8) | b[at + 1]; }
+std::uint32_t be16(Bytes b, std::size_t at) {
+  return (b[at] << 8) | b[at + 1];
+}
 std::uint32_t be32(Bytes b, std::size_t at) {
   return (std::uint32_t{b[at]} << 24) | (b[at + 1] << 16) | (b[at + 2] << 8) | b[at + 3];
 }
-std::uint32_t le16(Bytes b, std::size_t at) { return b[at] | (b[at + 1] << 8); }
-std::uint32_t le24(Bytes b, std::size_t at) { return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16); }
-std::uint32_t le32(Bytes b, std::size_t at) { return le24(b, at) | (std::uint32_t{b[at + 3]} << 24); }
-
-bool startsWith(Bytes b, std::string_view prefix, std::size_t at = 0) {
-  return b.size() >= at + prefix.size() && std::memcmp(b.data() + at, prefix.data(), prefix.size()) == 0;
+std::uint32_t le16(Bytes b, std::size_t at) {
+  return b[at] | (b[at + 1] << 8);
+}
+std::uint32_t le24(Bytes b, std::size_t at) {
+  return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16);
+}
+std::uint32_t le32(Bytes b, std::size_t at) {
+  return le24(b, at) | (std::uint32_t{b[at + 3]} << 24);
 }
 
-std::string text(Bytes b) { return {reinterpret_cast<const char*>(b.data()), b.size()}; }
+bool startsWith(Bytes b, std::string_view prefix, std::size_t at = 0) {
+  return b.size() >= at + prefix.size() &&
+         std::memcmp(b.data() + at, prefix.data(), prefix.size()) == 0;
+}
+
+std::string text(Bytes b) {
+  return {reinterpret_cast<const char*>(b.data()), b.size()};
+}
 
 // The tags of a TIFF structure's first directory that matter here. The same structure is a
 // TIFF file and the body of every EXIF block (JPEG APP1, PNG eXIf, WebP EXIF).
@@ -73,7 +84,8 @@ TiffTags readTiff(Bytes tiff) {
         tags.extraSamples = static_cast<int>(value);
         break;
       case 34675:
-        if (n > 4 && n <= tiff.size() && value <= tiff.size() - n) tags.icc = tiff.subspan(value, n);
+        if (n > 4 && n <= tiff.size() && value <= tiff.size() - n)
+          tags.icc = tiff.subspan(value, n);
         break;
       default:
         break;
@@ -131,8 +143,7 @@ void readJpeg(Bytes b, Container& c) {
     const Bytes body = b.subspan(at + 4, length - 2);
     if (marker == 0xE1 && startsWith(body, "Exif\0\0"sv)) {
       c.orientation = readTiff(body.subspan(6)).orientation;
-    } else if (marker == 0xE2 && startsWith(body, "ICC_PROFILE\0"sv) &&
-               body.size() >= 14) {
+    } else if (marker == 0xE2 && startsWith(body, "ICC_PROFILE\0"sv) && body.size() >= 14) {
       iccCount = body[13];
       iccChunks[body[12]] = body.subspan(14);
     } else if (marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 &&
