@@ -7,7 +7,7 @@
 // 3 x 3 matrix. For those, on 8-bit pixels (nearly every photo), the conversion is done
 // here from what LittleCMS reads out of both profiles (curves, colorants), as tables and a
 // matrix in one pass over the pixels, in place: LittleCMS's own 8-bit transform costs about
-// four JPEG decodes of the same image, this about half of one. It agrees with LittleCMS's
+// five JPEG decodes of the same image, this about half of one. It agrees with LittleCMS's
 // transform within one level. Every other case (16-bit, float, grey, profiles with lookup
 // tables) goes through cmsDoTransform.
 
