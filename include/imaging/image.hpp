@@ -21,10 +21,13 @@
 ///   pixels, is reported once in the log (per profile) and the pixels are taken as sRGB.
 /// - Orientation: the EXIF orientation (all eight values) of a JPEG, PNG (eXIf), WebP or TIFF
 ///   is applied, alpha included, so the extent is the one the person sees.
-/// - Alpha: pixels are straight (not premultiplied), whatever the reader hands back (OpenCV's
-///   TIFF reader premultiplies; the pixels are divided back).
+/// - Alpha: pixels are straight (not premultiplied), whatever the reader hands back: a TIFF
+///   whose file stores associated alpha, and an 8-bit TIFF with unassociated alpha (which
+///   libtiff premultiplies under OpenCV), are divided back.
 /// - Depth: 8-bit, 16-bit and float sources keep their depth (float stays 32-bit) until the
 ///   tensor is made.
+///
+/// Its extent is its pixel size with the origin at (0, 0).
 ///
 /// Sizes that cannot be pixel counts (not finite, not positive, or a side past `kMaxSide`)
 /// are a programming error: the resizing operations throw `std::invalid_argument` for them.
