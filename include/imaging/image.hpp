@@ -7,12 +7,32 @@
 ///                    .toMLMultiArray(false);                  // shape [1, 3, H, W]
 ///   float red = input->at(0, 0, 10, 20);                      // row 10, column 20
 ///
-/// An image holds 8-bit pixels in OpenCV's order: blue, green, red, and alpha when the source
-/// had one. Its extent is its pixel size with the origin at (0, 0).
+/// An image holds the pixels a person sees, in OpenCV's order: blue, green, red, and alpha
+/// when the source had one. Loading makes them so, once:
+///
+/// - Colour: an embedded ICC profile (PNG iCCP, JPEG APP2, TIFF, WebP ICCP) is converted to
+///   sRGB by LittleCMS with the relative colorimetric intent: colours inside sRGB keep their
+///   exact values and only those outside are clipped to its edge, which is what a
+///   colour-managed viewer shows on an sRGB screen. The perceptual intent would move every
+///   colour to make room for the few outside, and the profiles phones and cameras write
+///   (Display P3, Adobe RGB) are matrix-shaper profiles with no perceptual table, for which
+///   LittleCMS falls back to colorimetric anyway: one intent gives one answer for every file.
+///   An image without a profile is sRGB; a profile that cannot be read, or does not fit the
+///   pixels, is reported once in the log (per profile) and the pixels are taken as sRGB.
+/// - Orientation: the EXIF orientation (all eight values) of a JPEG, PNG (eXIf), WebP or TIFF
+///   is applied, alpha included, so the extent is the one the person sees.
+/// - Alpha: pixels are straight (not premultiplied), whatever the reader hands back: a TIFF
+///   whose file stores associated alpha, and an 8-bit TIFF with unassociated alpha (which
+///   libtiff premultiplies under OpenCV), are divided back.
+/// - Depth: 8-bit, 16-bit and float sources keep their depth (float stays 32-bit) until the
+///   tensor is made.
+///
+/// Its extent is its pixel size with the origin at (0, 0).
 ///
 /// Sizes that cannot be pixel counts (not finite, not positive, or a side past `kMaxSide`)
 /// are a programming error: the resizing operations throw `std::invalid_argument` for them.
 
+#include <cstdint>
 #include <filesystem>
 #include <opencv2/core/mat.hpp>
 #include <optional>
@@ -87,24 +107,37 @@ class MultiArray {
   cv::Mat blob_;
 };
 
+/// What decoding may take on, against decompression bombs: a small file that declares a
+/// huge picture is refused before its pixels are made (from the header of a PNG, JPEG, WebP,
+/// TIFF or BMP; other formats are checked once decoded, their bytes being bounded).
+struct DecodeLimits {
+  std::uint64_t maxBytes = std::uint64_t{256} << 20;
+  std::uint64_t maxPixels = std::uint64_t{1} << 28;
+};
+
 class Image {
  public:
   /// An empty image (extent 0 by 0).
   Image() = default;
-  /// `pixels` must be 8-bit with 1 (grey), 3 (BGR) or 4 (BGRA) channels; grey becomes BGR.
-  /// The pixels are shared, not copied. Throws `std::invalid_argument` for anything else.
+  /// `pixels` must be 8-bit, 16-bit or 32-bit float with 1 (grey), 3 (BGR) or 4 (BGRA)
+  /// channels, sRGB, straight alpha; grey becomes BGR. The pixels are shared, not copied.
+  /// Throws `std::invalid_argument` for anything else.
   explicit Image(cv::Mat pixels);
 
-  /// Any format OpenCV reads (JPEG, PNG, WebP, TIFF, BMP, ...). 16-bit and float sources are
-  /// brought to 8 bits. The stored orientation is kept, as it is for a decoded file. None
-  /// when the file cannot be read or decoded.
-  static std::optional<Image> load(const std::filesystem::path& path);
-  static std::optional<Image> decode(std::span<const unsigned char> bytes);
+  /// Any format OpenCV reads (JPEG, PNG, WebP, TIFF, BMP, ...), made into what a person sees
+  /// (above). None, and one line in the log (subsystem "app.herald.imaging"), when the file
+  /// cannot be read or decoded: missing, a directory or a device, past `limits`, or not an
+  /// image. A JPEG cut short gives the part that is there (the rest grey) and a log line;
+  /// other formats cut short give none. Nothing is thrown.
+  static std::optional<Image> load(const std::filesystem::path& path,
+                                   const DecodeLimits& limits = {});
+  static std::optional<Image> decode(std::span<const unsigned char> bytes,
+                                     const DecodeLimits& limits = {});
 
   Rect extent() const;
   bool empty() const { return pixels_.empty(); }
   bool hasAlpha() const { return pixels_.channels() == 4; }
-  /// 8-bit BGR or BGRA.
+  /// BGR or BGRA, sRGB, straight alpha; 8-bit (CV_8U), 16-bit (CV_16U) or float (CV_32F).
   const cv::Mat& pixels() const { return pixels_; }
 
   /// The width given, the height that keeps the aspect ratio.
@@ -138,8 +171,12 @@ class Image {
 
   /// The image as a model input: shape [1, 3, H, W] with red, green and blue planes in sRGB
   /// from 0 to 1, or with `monochrome` [1, 1, H, W] with the luminance in linear grey (see
-  /// the source for the weights). Translucent pixels count as seen over black. None when
-  /// the image is empty or memory runs out.
+  /// the source for the weights). Values come from the pixels at their own depth (a 16-bit
+  /// source keeps its 65536 steps). Translucent pixels are composited over black once, here,
+  /// on the sRGB-encoded values (colour c at alpha a gives c times a), not in linear light:
+  /// that is how browsers and image viewers blend, so it is what the person saw; the
+  /// monochrome plane is the linear luminance of that composite. None when the image is
+  /// empty or memory runs out.
   std::optional<MultiArray> toMLMultiArray(bool monochrome) const;
   /// The images stacked along the batch dimension: [N, C, H, W]. None when there are no
   /// images, one is empty, or their sizes differ.
