@@ -233,12 +233,14 @@ struct SerialQueue::State {
         tail->used += size;
         return at;
       }
-      const std::size_t want = neverDrop ? alignUp(size + Chunk::headerSize + sizeof(Header), kPage)
-                                         : chunkSize(size);
+      std::size_t want = chunkSize(size);
       const std::size_t limit = budget.load(std::memory_order_relaxed);
       // With nothing waiting past the chunk being read, there is nothing to drop or to wait
       // for: the chunk is allowed past the budget.
-      if (!neverDrop && (want > limit || (live + want > limit && reading != tail))) {
+      const bool over = want > limit || (live + want > limit && reading != tail);
+      if (over && neverDrop) {
+        want = alignUp(size + Chunk::headerSize + sizeof(Header), kPage);
+      } else if (over) {
         const auto chosen = policy.load(std::memory_order_relaxed);
         if (want > limit) {
           // Alone larger than the whole budget: waiting would never end.
