@@ -58,7 +58,8 @@ class SerialQueue {
   OverflowPolicy policy() const;
   void setPolicy(OverflowPolicy policy);
 
-  /// The bytes the queue holds mapped now (waiting records, and one spare chunk).
+  /// The bytes the queue holds mapped now (waiting records, and chunks kept for reuse until
+  /// the worker catches up).
   std::size_t bytesHeld() const;
 
   /// The label of the queue whose work runs on this thread, or null.
