@@ -329,10 +329,10 @@ struct SerialQueue::State {
   void publish(std::byte* at, std::uint32_t kind, std::size_t size) {
     auto& h = *reinterpret_cast<Header*>(at);
     h.size = static_cast<std::uint32_t>(size);
-    h.kind.store(kind, std::memory_order_release);
-    // Pairs with the worker's store of `sleeping` before its last look.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (sleeping.load(std::memory_order_relaxed)) {
+    // Sequentially consistent, as the worker's store of `sleeping` and its last look at the
+    // record: either it sees the record or we see it sleeping.
+    h.kind.store(kind, std::memory_order_seq_cst);
+    if (sleeping.load(std::memory_order_seq_cst)) {
       wake.fetch_add(1, std::memory_order_release);
       wake.notify_one();
     }
@@ -602,12 +602,11 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
     if (s.stopping.load()) break;
     const auto seen = s.wake.load(std::memory_order_acquire);
     s.sleeping.store(true, std::memory_order_seq_cst);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
     bool more;
     {
       std::lock_guard guard(s.lock);
       if (!chunk) chunk = s.reading;
-      more = chunk && chunk->at(offset).kind.load(std::memory_order_acquire) != unwritten;
+      more = chunk && chunk->at(offset).kind.load(std::memory_order_seq_cst) != unwritten;
     }
     if (!more && !s.stopping.load()) s.wake.wait(seen, std::memory_order_acquire);
     s.sleeping.store(false, std::memory_order_relaxed);
