@@ -28,11 +28,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <thread>
-#include <vector>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <thread>
+#include <vector>
 
 #include "logwell/logwell.hpp"
 #include "platform/paths.hpp"
@@ -178,8 +178,8 @@ Burst burst(const std::filesystem::path& path, const std::function<void()>& log,
       for (std::size_t i = 0; i < each; ++i) {
         const auto start = Clock::now();
         log();
-        mine.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start)
-                           .count());
+        mine.push_back(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
       }
     });
   for (auto& t : threads) t.join();

@@ -152,7 +152,7 @@ struct SerialQueue::State {
   // block, such as a flush), since everything still waiting came before them.
   std::atomic<std::size_t> droppedOldest{0};
   std::atomic<std::size_t> droppedNewest{0};
-  std::atomic<std::size_t> held{0};     // mirror of live + spare bytes, for readers off the lock
+  std::atomic<std::size_t> held{0};  // mirror of live + spare bytes, for readers off the lock
 
   SpinLock lock;
   // Under `lock`:
@@ -162,13 +162,13 @@ struct SerialQueue::State {
   // catches up: unmapping costs every core a TLB flush, mapping costs page faults.
   Chunk* spare = nullptr;
   std::size_t spareBytes = 0;
-  std::size_t live = 0;      // bytes mapped from `reading` to `tail`
+  std::size_t live = 0;  // bytes mapped from `reading` to `tail`
   std::vector<Rescued> rescued;
   std::shared_ptr<void> keepAlive;
 
-  std::atomic<std::uint32_t> wake{0};      // bumped to wake a sleeping worker
+  std::atomic<std::uint32_t> wake{0};  // bumped to wake a sleeping worker
   std::atomic<bool> sleeping{false};
-  std::atomic<std::uint32_t> freed{0};     // bumped when chunks are given back
+  std::atomic<std::uint32_t> freed{0};  // bumped when chunks are given back
   std::atomic<bool> stopping{false};
 
   std::mutex ticketMutex;
@@ -181,8 +181,8 @@ struct SerialQueue::State {
   }
 
   std::size_t chunkSize(std::size_t record) const {
-    const std::size_t normal =
-        std::clamp(budget.load(std::memory_order_relaxed) / 8 / kPage * kPage, kPage, kLargestChunk);
+    const std::size_t normal = std::clamp(
+        budget.load(std::memory_order_relaxed) / 8 / kPage * kPage, kPage, kLargestChunk);
     return std::max(normal, alignUp(record + Chunk::headerSize + sizeof(Header), kPage));
   }
 
