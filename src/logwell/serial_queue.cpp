@@ -332,7 +332,10 @@ struct SerialQueue::State {
     // Sequentially consistent, as the worker's store of `sleeping` and its last look at the
     // record: either it sees the record or we see it sleeping.
     h.kind.store(kind, std::memory_order_seq_cst);
-    if (sleeping.load(std::memory_order_seq_cst)) {
+    // Only the first producer to find it asleep wakes it: until it runs again, which on a
+    // busy machine can take a while, the others would each pay a system call.
+    if (sleeping.load(std::memory_order_seq_cst) &&
+        sleeping.exchange(false, std::memory_order_seq_cst)) {
       wake.fetch_add(1, std::memory_order_release);
       wake.notify_one();
     }
