@@ -52,6 +52,12 @@ struct Stuck {
   void open() { gate.set_value(); }
 };
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool residentSizeTells = false;  // ThreadSanitizer keeps the shadow of memory given back
+#else
+constexpr bool residentSizeTells = true;
+#endif
+
 std::size_t residentBytes() {
   long pages = 0, resident = 0;
   std::FILE* f = std::fopen("/proc/self/statm", "r");
@@ -200,8 +206,10 @@ TEST_F(Queue, MemoryTakenByABurstIsGivenBack) {
   const std::size_t end = residentBytes();
 
   EXPECT_EQ(counter->sent, total + 1);
-  EXPECT_GT(peak, start + 20 * 1024 * 1024) << "the burst was not held in memory";
-  EXPECT_LT(end, start + 2 * 1024 * 1024) << "peak " << peak << ", start " << start;
+  if (residentSizeTells) {
+    EXPECT_GT(peak, start + 20 * 1024 * 1024) << "the burst was not held in memory";
+    EXPECT_LT(end, start + 2 * 1024 * 1024) << "peak " << peak << ", start " << start;
+  }
 }
 
 TEST_F(Queue, BudgetsAreCheckedAndTheFacadeSetsThemForEveryDestination) {
