@@ -32,6 +32,11 @@ namespace logwell {
 
 class Logwell;
 
+/// What an asynchronous destination does with an entry that does not fit in its queue's
+/// budget: drop the oldest waiting entries to make room, drop the new entry, or make the
+/// caller wait for room.
+enum class OverflowPolicy : unsigned char { dropOldest, dropNewest, block };
+
 namespace detail {
 class SerialQueue;
 struct Entry;
@@ -85,15 +90,29 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
   /// The creation instant, base of the `$U` token.
   const std::chrono::steady_clock::time_point startDate;
 
-  /// The most entries that wait for an asynchronous destination: a caller never waits for a
-  /// destination that is behind, so when one more entry comes the oldest waiting one is
-  /// dropped (the destination's thread may also hold up to 32 entries it has already taken).
-  /// The next time the destination writes, it first writes one warning entry with an empty
-  /// file and function and line 0, that says how many were dropped:
+  /// The entries waiting for an asynchronous destination live in memory that its queue maps
+  /// as they come and gives back once they are written, up to a budget in bytes (64 MB by
+  /// default: some 300,000 ordinary entries). What happens to an entry that does not fit is
+  /// the overflow policy's choice; by default the caller waits for room (`block`), so that a
+  /// destination that is merely slower than a burst loses nothing. Dropped entries are
+  /// counted, and the destination writes one warning entry with an empty file and function
+  /// and line 0 before the next ones it writes (and before any block given to `execute`):
   ///   "logwell: dropped 123 entries while this destination was behind"
-  /// Blocks given to `execute` are never dropped, and callers of a synchronous destination
-  /// still wait for their turn.
-  static constexpr std::size_t maxPendingEntries = 4096;
+  /// An entry larger than the whole budget is dropped under every policy. Blocks given to
+  /// `execute` and synchronous callers are never dropped nor made to wait for room: they may
+  /// take a page past the budget. `Logwell::setQueueBudget` and
+  /// `Logwell::setOverflowPolicy` set both for every destination at once.
+  static constexpr std::size_t defaultQueueBudget = 64 * 1024 * 1024;
+  static constexpr std::size_t minQueueBudget = 64 * 1024;
+  static constexpr OverflowPolicy defaultOverflowPolicy = OverflowPolicy::block;
+
+  std::size_t queueBudget() const;
+  /// Throws std::invalid_argument below `minQueueBudget`.
+  void setQueueBudget(std::size_t bytes);
+  OverflowPolicy overflowPolicy() const;
+  void setOverflowPolicy(OverflowPolicy policy);
+  /// The memory the queue holds now, in bytes.
+  std::size_t queueBytesHeld() const;
 
   /// Whether entries are handed to the queue without waiting (true by default).
   virtual bool asynchronously() const { return asynchronously_; }
@@ -165,6 +184,12 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
   /// returned line back after the entry so that the next entry reuses its buffer.
   std::string takeLineBuffer();
 
+  /// True while `send` runs for an entry that the queue handed over asynchronously: the
+  /// line may then be kept until `batchEnded`, which the queue calls once the entries that
+  /// were waiting in a row are all sent (before a block, before it waits for more).
+  bool deliveringBatch() const { return deliveringBatch_; }
+  virtual void batchEnded() {}
+
  private:
   friend class Logwell;
 
@@ -176,6 +201,7 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
   }
 
   bool asynchronously_ = true;
+  bool deliveringBatch_ = false;
   std::unique_ptr<detail::FormatState> formatState_;
   std::string spareLine_;
   std::unique_ptr<detail::SerialQueue> queue_;

@@ -1,9 +1,11 @@
 #pragma once
-/// Appends each line to a log file, opening and closing it for every entry, with size-based
+/// Appends each line to a log file, opening and closing it for every append, with size-based
 /// rotation: "logwell.log" rotates to "logwell.1.log", "logwell.2.log", … keeping
 /// `logFileAmount` files in all. Appends and rotations are locked (flock) against other
 /// processes that write the same file, so that they may share it and its rotation. Each line
-/// is written whole or not at all (a short write, as on a full disk, is taken back). Only a
+/// is written whole or not at all (a short write, as on a full disk, is taken back). The
+/// entries that waited on the queue in a row are appended together, up to 64 KB at a time,
+/// so that the file is checked for rotation once per append. Only a
 /// regular file is rotated; a path that cannot take the entry at once (a directory, a FIFO
 /// without a reader) fails like a write. Failures are printed on standard output and lose
 /// that one entry.
@@ -61,6 +63,10 @@ class FileDestination : public BaseDestination {
   // under that same lock.
   bool append(std::string_view data, const std::string& url, bool mayRotate);
 
+  void batchEnded() override;
+
+  static constexpr std::size_t kBatchBytes = 64 * 1024;
+  std::string batch_;
   bool colored_ = false;
   std::string cachedURL_;
   std::optional<std::filesystem::path> cachedPath_;

@@ -166,8 +166,16 @@ class Logwell {
   /// thread's name and id.
   static std::string threadName();
 
+  /// The queue budget in bytes of every registered destination and of those made
+  /// afterwards (see `BaseDestination::setQueueBudget`); throws std::invalid_argument below
+  /// `BaseDestination::minQueueBudget`.
+  static void setQueueBudget(std::size_t bytes);
+  /// The overflow policy of every registered destination and of those made afterwards.
+  static void setOverflowPolicy(OverflowPolicy policy);
+
   /// Waits until every destination has handled what was logged before the call, at most
-  /// `secondTimeout` seconds; true when all were done in time.
+  /// `secondTimeout` seconds; true when all were done in time: every entry logged before
+  /// the call is then written, or was counted as dropped.
   static bool flush(std::int64_t secondTimeout);
 
  private:

@@ -16,7 +16,7 @@
 
 namespace logwell {
 
-static_assert(BaseDestination::maxPendingEntries == detail::SerialQueue::maxEntries);
+static_assert(BaseDestination::minQueueBudget == detail::SerialQueue::minBudget);
 
 namespace {
 
@@ -78,8 +78,31 @@ BaseDestination::BaseDestination()
       formatState_(std::make_unique<detail::FormatState>()) {
   queue_ = std::make_unique<detail::SerialQueue>(
       "logwell-queue-" + platform::newUUID(),
-      [this](const detail::Entry& entry) { deliver(entry); },
+      [this](const detail::Entry& entry) {
+        deliveringBatch_ = true;
+        deliver(entry);
+        deliveringBatch_ = false;
+      },
+      [this] { batchEnded(); },
       [this]() -> std::shared_ptr<void> { return weak_from_this().lock(); });
+  queue_->setBudget(detail::queueDefaults().budget.load());
+  queue_->setPolicy(detail::queueDefaults().policy.load());
+}
+
+std::size_t BaseDestination::queueBudget() const {
+  return queue_->budget();
+}
+void BaseDestination::setQueueBudget(std::size_t bytes) {
+  queue_->setBudget(bytes);
+}
+OverflowPolicy BaseDestination::overflowPolicy() const {
+  return queue_->policy();
+}
+void BaseDestination::setOverflowPolicy(OverflowPolicy policy) {
+  queue_->setPolicy(policy);
+}
+std::size_t BaseDestination::queueBytesHeld() const {
+  return queue_->bytesHeld();
 }
 
 BaseDestination::~BaseDestination() = default;

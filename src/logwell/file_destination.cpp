@@ -175,8 +175,23 @@ std::optional<std::string> FileDestination::send(Level level, std::string_view m
                                                  const Context& context) {
   auto text = BaseDestination::send(level, msg, thread, file, function, line, context);
   if (!text) return std::nullopt;
-  validateSaveFile(*text);
+  if (!deliveringBatch()) {
+    validateSaveFile(*text);
+    return text;
+  }
+  // Entries that waited in a row go out in one append: opening, locking and closing the file
+  // for each would make the destination far slower than a burst.
+  batch_.append(*text);
+  batch_.push_back('\n');
+  if (batch_.size() >= kBatchBytes) batchEnded();
   return text;
+}
+
+void FileDestination::batchEnded() {
+  if (batch_.empty()) return;
+  if (logFileURL) append(batch_, *logFileURL, logFileAmount >= 2);
+  batch_.clear();
+  if (batch_.capacity() > 2 * kBatchBytes) std::string().swap(batch_);
 }
 
 bool FileDestination::validateSaveFile(std::string_view str) {

@@ -190,6 +190,17 @@ std::size_t Logwell::countDestinations() {
   return reg.current->size();
 }
 
+void Logwell::setQueueBudget(std::size_t bytes) {
+  detail::SerialQueue::checkBudget(bytes);
+  detail::queueDefaults().budget.store(bytes);
+  for (const auto& destination : destinations()) destination->setQueueBudget(bytes);
+}
+
+void Logwell::setOverflowPolicy(OverflowPolicy policy) {
+  detail::queueDefaults().policy.store(policy);
+  for (const auto& destination : destinations()) destination->setOverflowPolicy(policy);
+}
+
 std::string Logwell::threadName() {
   return std::string(currentThreadName());
 }

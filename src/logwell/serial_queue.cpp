@@ -1,12 +1,22 @@
 #include "logwell/internal/serial_queue.hpp"
 
 #include <pthread.h>
+#include <sched.h>
+#include <sys/mman.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <mutex>
+#include <new>
+#include <stdexcept>
 #include <utility>
+#include <vector>
+
+#include "logwell/base_destination.hpp"
 
 namespace logwell::detail {
 namespace {
@@ -40,105 +50,91 @@ void reportEscapedException(const std::string& label) {
   }
 }
 
-// A synchronous caller waiting for its turn: the worker grants it, then waits for the
-// queue's `grantedDone` (the ticket itself lives on the caller's stack and is gone once the
-// caller is done).
-struct Ticket {
-  bool granted = false;
-};
-
-struct Job {
-  enum class Kind : unsigned char { entry, block, ticket };
-  Kind kind = Kind::entry;
-  Level level = Level::verbose;
-  int line = 0;
-  // message, thread, file and function, one after the other
-  std::string text;
-  std::uint32_t sizes[4] = {};
-  Context context;
-  std::function<void()> block;
-  Ticket* ticket = nullptr;
-
-  void fill(const Entry& e) {
-    kind = Kind::entry;
-    level = e.level;
-    line = e.line;
-    const std::string_view parts[4] = {e.message, e.thread, e.file, e.function};
-    text.clear();
-    for (int i = 0; i < 4; ++i) {
-      text.append(parts[i]);
-      sizes[i] = static_cast<std::uint32_t>(parts[i].size());
-    }
-    if (e.context->hasValue()) context = *e.context;
-  }
-
-  Entry view() const {
-    std::string_view rest = text;
-    std::string_view parts[4];
-    for (int i = 0; i < 4; ++i) {
-      parts[i] = rest.substr(0, sizes[i]);
-      rest.remove_prefix(sizes[i]);
-    }
-    return Entry{level, parts[0], parts[1], parts[2], parts[3], line, &context};
-  }
-
-  // Frees what the job held but keeps the text buffer for the next entry.
-  void recycle() {
-    if (context.hasValue()) context = Context();
-    if (block) block = nullptr;
-    ticket = nullptr;
-    if (text.capacity() > 2048) std::string().swap(text);
-  }
-};
-
-// The jobs waiting for the worker, oldest first, in a ring of slots. Slots outside the live
-// range keep their (recycled) job as a spare, so that its buffers serve the next entry.
-class Ring {
+// Held for a handful of instructions (a bump of the write position), so spinning beats
+// sleeping in the kernel; a holder that lost its processor is waited for by yielding.
+class SpinLock {
  public:
-  std::size_t size() const { return count_; }
-  Job& at(std::size_t i) { return *slots_[index(i)]; }
-
-  Job& pushBack() {
-    if (count_ == slots_.size()) grow();
-    auto& slot = slots_[index(count_)];
-    if (!slot) slot = std::make_unique<Job>();
-    ++count_;
-    return *slot;
+  void lock() noexcept {
+    for (int spins = 0; flag_.exchange(true, std::memory_order_acquire);) {
+      while (flag_.load(std::memory_order_relaxed)) {
+        if (++spins > 64) sched_yield();
+      }
+    }
   }
-
-  // Moves the oldest job out into `out`, leaving `out`'s old job behind as a spare.
-  void popFront(std::unique_ptr<Job>& out) {
-    std::swap(out, slots_[head_]);
-    head_ = (head_ + 1) % slots_.size();
-    --count_;
-  }
-
-  // Removes the oldest job of kind `entry`, keeping the order of the others; false when there
-  // is none. Jobs of other kinds are few (blocks, waiting callers), so the search is short.
-  bool dropOldestEntry() {
-    std::size_t i = 0;
-    while (i < count_ && at(i).kind != Job::Kind::entry) ++i;
-    if (i == count_) return false;
-    for (; i > 0; --i) std::swap(slots_[index(i)], slots_[index(i - 1)]);
-    slots_[head_]->recycle();
-    head_ = (head_ + 1) % slots_.size();
-    --count_;
-    return true;
-  }
+  void unlock() noexcept { flag_.store(false, std::memory_order_release); }
 
  private:
-  std::size_t index(std::size_t i) const { return (head_ + i) % slots_.size(); }
+  std::atomic<bool> flag_{false};
+};
 
-  void grow() {
-    std::vector<std::unique_ptr<Job>> bigger(std::max<std::size_t>(64, slots_.size() * 2));
-    for (std::size_t i = 0; i < count_; ++i) bigger[i] = std::move(slots_[index(i)]);
-    slots_ = std::move(bigger);
-    head_ = 0;
+enum Kind : std::uint32_t { unwritten = 0, entryKind, blockKind, ticketKind, endKind };
+
+// Every record starts with this; `kind` stays `unwritten` until the producer has copied the
+// rest, and is stored last.
+struct Header {
+  std::atomic<std::uint32_t> kind;
+  std::uint32_t size;
+};
+
+struct EntryFields {
+  Context* context;  // null when absent
+  std::int32_t line;
+  std::uint32_t sizes[4];  // message, thread, file and function, one after the other
+  Level level;
+};
+
+constexpr std::size_t alignUp(std::size_t n, std::size_t to) {
+  return (n + to - 1) / to * to;
+}
+constexpr std::size_t kEntryPrefix = alignUp(sizeof(Header) + sizeof(EntryFields), 8);
+constexpr std::size_t kPointerRecord = alignUp(sizeof(Header) + sizeof(void*), 8);
+constexpr std::size_t kPage = 4096;
+constexpr std::size_t kLargestChunk = 64 * 1024;
+
+// A synchronous caller waiting for its turn (on the caller's stack).
+struct Ticket {
+  bool granted = false;  // under the queue's ticket mutex
+};
+
+// A mapping of its own, so that unmapping it surely gives its pages back to the system.
+struct Chunk {
+  Chunk* next = nullptr;
+  std::size_t mapped;    // the whole mapping, this header included
+  std::size_t capacity;  // bytes for records; an end marker always fits past them
+  std::size_t used = 0;  // bytes reserved; under the queue's lock
+
+  static constexpr std::size_t headerSize = 64;
+
+  explicit Chunk(std::size_t bytes)
+      : mapped(bytes), capacity(bytes - headerSize - sizeof(Header)) {}
+
+  std::byte* data() { return reinterpret_cast<std::byte*>(this) + headerSize; }
+  Header& at(std::size_t offset) { return *reinterpret_cast<Header*>(data() + offset); }
+
+  static Chunk* map(std::size_t bytes) {
+    // Populated at once: one system call instead of a page fault per page.
+    void* memory = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (memory == MAP_FAILED) throw std::bad_alloc();
+    return new (memory) Chunk(bytes);
   }
+  static void unmap(Chunk* chunk) {
+    if (chunk) ::munmap(chunk, chunk->mapped);
+  }
+  // A spare chunk is used again from a clean state: the worker reads an unwritten kind as
+  // "nothing yet".
+  void reset() {
+    std::memset(data(), 0, used + sizeof(Header));
+    next = nullptr;
+    used = 0;
+  }
+};
 
-  std::vector<std::unique_ptr<Job>> slots_;
-  std::size_t head_ = 0;
-  std::size_t count_ = 0;
+// A block or a waiting caller that was in a chunk of dropped entries: it still runs, in its
+// place between the chunk being read and the ones after.
+struct Rescued {
+  std::uint32_t kind;
+  void* pointer;
 };
 
 }  // namespace
@@ -146,58 +142,227 @@ class Ring {
 struct SerialQueue::State {
   std::string label;
   EntryHandler handler;
+  BatchEnd batchEnd;
   Retainer retainer;
 
-  std::mutex mutex;
-  std::condition_variable workerCv;  // jobs arrived, or the queue was released
-  std::condition_variable waitCv;    // a ticket granted or done
-  Ring pending;
-  std::size_t pendingEntries = 0;  // the jobs of kind `entry` in `pending`
-  std::size_t dropped = 0;         // since the worker last took jobs
-  std::shared_ptr<void> keepAlive;
-  bool busy = false;
-  bool workerWaiting = false;
-  bool grantedDone = false;  // the caller holding the queue through a ticket has finished
-  bool stopping = false;
+  std::atomic<std::size_t> budget{BaseDestination::defaultQueueBudget};
+  std::atomic<OverflowPolicy> policy{BaseDestination::defaultOverflowPolicy};
+  // Dropped since the last notice: the oldest ones are reported where they were, before the
+  // chunk that follows them; the newest ones once the worker has caught up (or before a
+  // block, such as a flush), since everything still waiting came before them.
+  std::atomic<std::size_t> droppedOldest{0};
+  std::atomic<std::size_t> droppedNewest{0};
+  std::atomic<std::size_t> held{0};  // mirror of live + spare bytes, for readers off the lock
 
-  // Appends one job under the lock; `fill` writes it. Never waits for the worker.
-  template <class Fill>
-  void push(bool entry, Fill&& fill) {
-    std::unique_lock lock(mutex);
-    if (!keepAlive && retainer) {
-      lock.unlock();
-      auto retained = retainer();
-      lock.lock();
-      if (!keepAlive) keepAlive = std::move(retained);
+  SpinLock lock;
+  // Under `lock`:
+  Chunk* reading = nullptr;  // the chunk the worker reads; null until the first record
+  Chunk* tail = nullptr;     // the chunk producers write
+  // Chunks already read, linked by `next`, kept for the next ones needed until the worker
+  // catches up: unmapping costs every core a TLB flush, mapping costs page faults.
+  Chunk* spare = nullptr;
+  std::size_t spareBytes = 0;
+  std::size_t live = 0;  // bytes mapped from `reading` to `tail`
+  std::vector<Rescued> rescued;
+  std::shared_ptr<void> keepAlive;
+
+  std::atomic<std::uint32_t> wake{0};  // bumped to wake a sleeping worker
+  std::atomic<bool> sleeping{false};
+  std::atomic<std::uint32_t> freed{0};  // bumped when chunks are given back
+  std::atomic<bool> stopping{false};
+
+  std::mutex ticketMutex;
+  std::condition_variable ticketCv;
+  std::uint64_t ticketsDone = 0;
+
+  ~State() {
+    for (Chunk* c = reading; c;) Chunk::unmap(std::exchange(c, c->next));
+    releaseSpares();
+  }
+
+  std::size_t chunkSize(std::size_t record) const {
+    const std::size_t normal = std::clamp(
+        budget.load(std::memory_order_relaxed) / 8 / kPage * kPage, kPage, kLargestChunk);
+    return std::max(normal, alignUp(record + Chunk::headerSize + sizeof(Header), kPage));
+  }
+
+  void account() { held.store(live + spareBytes, std::memory_order_relaxed); }
+
+  void keepSpare(Chunk* chunk) {
+    chunk->next = spare;
+    spare = chunk;
+    spareBytes += chunk->mapped;
+  }
+  Chunk* takeSpare() {
+    Chunk* chunk = spare;
+    spare = chunk->next;
+    spareBytes -= chunk->mapped;
+    return chunk;
+  }
+  // Gives back the spares past the first `kept`.
+  void releaseSpares(std::size_t kept = 0) {
+    Chunk** link = &spare;
+    for (; *link && kept > 0; --kept) link = &(*link)->next;
+    for (Chunk* c = std::exchange(*link, nullptr); c;) {
+      spareBytes -= c->mapped;
+      Chunk::unmap(std::exchange(c, c->next));
     }
-    if (entry) {
-      if (pendingEntries >= maxEntries && pending.dropOldestEntry()) {
-        --pendingEntries;
-        ++dropped;
+  }
+
+  // Drops the oldest chunk nobody writes or reads any more; false when there is none.
+  // Under `lock`.
+  bool dropOldestChunk() {
+    Chunk* victim = reading ? reading->next : nullptr;
+    if (!victim || victim == tail) return false;
+    std::size_t entries = 0;
+    for (std::size_t offset = 0; offset < victim->used;) {
+      Header& h = victim->at(offset);
+      std::uint32_t kind;
+      // A producer may still be copying a record it reserved before the chunk filled up.
+      while ((kind = h.kind.load(std::memory_order_acquire)) == unwritten) sched_yield();
+      if (kind == endKind) break;
+      void* pointer;
+      std::memcpy(&pointer, &h + 1, sizeof pointer);
+      if (kind == entryKind) {
+        ++entries;
+        delete static_cast<Context*>(pointer);
+      } else {
+        rescued.push_back({kind, pointer});
       }
-      ++pendingEntries;
+      offset += h.size;
     }
-    fill(pending.pushBack());
-    const bool wake = workerWaiting && !busy;
-    lock.unlock();
-    if (wake) workerCv.notify_one();
+    droppedOldest.fetch_add(entries, std::memory_order_relaxed);
+    reading->next = victim->next;
+    live -= victim->mapped;
+    retire(victim);
+    return true;
+  }
+
+  // Keeps a chunk that was read as a spare, or gives it back. Under `lock`.
+  void retire(Chunk* chunk) {
+    if (chunk->mapped == chunkSize(0))
+      keepSpare(chunk);
+    else
+      Chunk::unmap(chunk);
+    account();
+  }
+
+  // Reserves `size` bytes for a record; null when the entry is dropped. `neverDrop` is for
+  // blocks and waiting callers, which go past the budget rather than be lost.
+  std::byte* reserve(std::size_t size, bool neverDrop) {
+    for (;;) {
+      std::unique_lock guard(lock);
+      if (!keepAlive && retainer) keepAlive = retainer();
+      if (tail && tail->used + size <= tail->capacity) {
+        std::byte* at = tail->data() + tail->used;
+        tail->used += size;
+        return at;
+      }
+      std::size_t want = chunkSize(size);
+      const std::size_t limit = budget.load(std::memory_order_relaxed);
+      // With nothing waiting past the chunk being read, there is nothing to drop or to wait
+      // for: the chunk is allowed past the budget.
+      const bool over = want > limit || (live + want > limit && reading != tail);
+      if (over && neverDrop) {
+        want = alignUp(size + Chunk::headerSize + sizeof(Header), kPage);
+      } else if (over) {
+        const auto chosen = policy.load(std::memory_order_relaxed);
+        if (want > limit) {
+          // Alone larger than the whole budget: waiting would never end.
+        } else if (chosen == OverflowPolicy::dropOldest) {
+          if (dropOldestChunk()) continue;
+        } else if (chosen == OverflowPolicy::block && currentQueue != this) {
+          // (On its own worker, waiting would wait for ourselves: that entry is dropped.)
+          const auto seen = freed.load(std::memory_order_acquire);
+          guard.unlock();
+          freed.wait(seen, std::memory_order_acquire);
+          continue;
+        }
+        droppedNewest.fetch_add(1, std::memory_order_relaxed);
+        return nullptr;
+      }
+      Chunk* fresh = nullptr;
+      if (spare && spare->mapped == want) {
+        fresh = takeSpare();
+        guard.unlock();
+        fresh->reset();
+      } else {
+        live += want;  // counted now, so that others see the budget taken
+        guard.unlock();
+        try {
+          fresh = Chunk::map(want);
+        } catch (...) {
+          guard.lock();
+          live -= want;
+          throw;
+        }
+        guard.lock();
+        live -= want;
+      }
+      if (!guard.owns_lock()) guard.lock();
+      if (tail && tail->used + size <= tail->capacity) {
+        // Another producer opened a chunk meanwhile.
+        if (fresh->mapped == chunkSize(0))
+          keepSpare(fresh);
+        else
+          Chunk::unmap(fresh);
+        account();
+        continue;
+      }
+      live += fresh->mapped;
+      if (tail) {
+        tail->next = fresh;
+        Header& end = tail->at(tail->used);
+        end.size = 0;
+        end.kind.store(endKind, std::memory_order_release);
+      } else {
+        reading = fresh;
+      }
+      tail = fresh;
+      account();
+      std::byte* at = tail->data();
+      tail->used = size;
+      return at;
+    }
+  }
+
+  void publish(std::byte* at, std::uint32_t kind, std::size_t size) {
+    auto& h = *reinterpret_cast<Header*>(at);
+    h.size = static_cast<std::uint32_t>(size);
+    // Sequentially consistent, as the worker's store of `sleeping` and its last look at the
+    // record: either it sees the record or we see it sleeping.
+    h.kind.store(kind, std::memory_order_seq_cst);
+    // Only the first producer to find it asleep wakes it: until it runs again, which on a
+    // busy machine can take a while, the others would each pay a system call.
+    if (sleeping.load(std::memory_order_seq_cst) &&
+        sleeping.exchange(false, std::memory_order_seq_cst)) {
+      wake.fetch_add(1, std::memory_order_release);
+      wake.notify_one();
+    }
+  }
+
+  // A block or a waiting caller: one pointer after the header.
+  void pushPointer(std::uint32_t kind, void* pointer) {
+    std::byte* at = reserve(kPointerRecord, true);
+    std::memcpy(at + sizeof(Header), &pointer, sizeof pointer);
+    publish(at, kind, kPointerRecord);
   }
 };
 
-SerialQueue::SerialQueue(std::string label, EntryHandler handler, Retainer retainer)
+SerialQueue::SerialQueue(std::string label, EntryHandler handler, BatchEnd batchEnd,
+                         Retainer retainer)
     : state_(std::make_shared<State>()) {
   state_->label = std::move(label);
   state_->handler = std::move(handler);
+  state_->batchEnd = std::move(batchEnd);
   state_->retainer = std::move(retainer);
   worker_ = std::thread([state = state_] { run(state); });
 }
 
 SerialQueue::~SerialQueue() {
-  {
-    std::lock_guard lock(state_->mutex);
-    state_->stopping = true;
-  }
-  state_->workerCv.notify_one();
+  state_->stopping.store(true);
+  state_->wake.fetch_add(1);
+  state_->wake.notify_one();
   // The owner may be released by the worker itself, after its last job.
   if (worker_.get_id() == std::this_thread::get_id())
     worker_.detach();
@@ -218,15 +383,73 @@ std::string SerialQueue::droppedNotice(std::size_t count) {
          " while this destination was behind";
 }
 
-void SerialQueue::async(const Entry& entry) {
-  state_->push(true, [&](Job& job) { job.fill(entry); });
+QueueDefaults& queueDefaults() {
+  static QueueDefaults defaults{{BaseDestination::defaultQueueBudget},
+                                {BaseDestination::defaultOverflowPolicy}};
+  return defaults;
+}
+
+void SerialQueue::checkBudget(std::size_t bytes) {
+  if (bytes < minBudget)
+    throw std::invalid_argument("logwell: a queue budget of " + std::to_string(bytes) +
+                                " bytes is below the least, " + std::to_string(minBudget));
+}
+
+std::size_t SerialQueue::budget() const {
+  return state_->budget.load();
+}
+
+void SerialQueue::setBudget(std::size_t bytes) {
+  checkBudget(bytes);
+  state_->budget.store(bytes);
+  // Callers waiting for room may have it now.
+  state_->freed.fetch_add(1, std::memory_order_release);
+  state_->freed.notify_all();
+}
+
+OverflowPolicy SerialQueue::policy() const {
+  return state_->policy.load();
+}
+
+void SerialQueue::setPolicy(OverflowPolicy policy) {
+  state_->policy.store(policy);
+  state_->freed.fetch_add(1, std::memory_order_release);
+  state_->freed.notify_all();
+}
+
+std::size_t SerialQueue::bytesHeld() const {
+  return state_->held.load(std::memory_order_relaxed);
+}
+
+void SerialQueue::async(const Entry& e) {
+  const std::string_view parts[4] = {e.message, e.thread, e.file, e.function};
+  std::size_t text = 0;
+  for (const auto& part : parts) text += part.size();
+  const std::size_t size = alignUp(kEntryPrefix + text, 8);
+  if (size > UINT32_MAX) {
+    state_->droppedNewest.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  std::byte* at = state_->reserve(size, false);
+  if (!at) return;
+  EntryFields fields{nullptr, e.line, {}, e.level};
+  // Copied first: should it throw, the record still goes out, without its context.
+  try {
+    if (e.context->hasValue()) fields.context = new Context(*e.context);
+  } catch (...) {
+  }
+  auto* out = reinterpret_cast<char*>(at + kEntryPrefix);
+  for (int i = 0; i < 4; ++i) {
+    fields.sizes[i] = static_cast<std::uint32_t>(parts[i].size());
+    std::memcpy(out, parts[i].data(), parts[i].size());
+    out += parts[i].size();
+  }
+  std::memcpy(at + sizeof(Header), &fields, sizeof fields);
+  state_->publish(at, entryKind, size);
 }
 
 void SerialQueue::async(std::function<void()> block) {
-  state_->push(false, [&](Job& job) {
-    job.kind = Job::Kind::block;
-    job.block = std::move(block);
-  });
+  state_->pushPointer(blockKind, new std::function<void()>(std::move(block)));
 }
 
 void SerialQueue::sync(const std::function<void()>& block) {
@@ -236,36 +459,21 @@ void SerialQueue::sync(const std::function<void()>& block) {
     return;
   }
   Ticket ticket;
-  std::unique_lock lock(s.mutex);
-  const bool idle = s.pending.size() == 0 && !s.busy;
-  if (idle) {
-    s.busy = true;
-  } else {
-    Job& job = s.pending.pushBack();
-    job.kind = Job::Kind::ticket;
-    job.ticket = &ticket;
-    if (s.workerWaiting && !s.busy) s.workerCv.notify_one();
-    s.waitCv.wait(lock, [&] { return ticket.granted; });
+  s.pushPointer(ticketKind, &ticket);
+  {
+    std::unique_lock lock(s.ticketMutex);
+    s.ticketCv.wait(lock, [&] { return ticket.granted; });
   }
-  lock.unlock();
-
   struct Release {
     State& s;
-    bool idle;
     ~Release() {
-      std::unique_lock lock(s.mutex);
-      if (idle) {
-        s.busy = false;
-        const bool wake = s.pending.size() > 0 && s.workerWaiting;
-        lock.unlock();
-        if (wake) s.workerCv.notify_one();
-      } else {
-        s.grantedDone = true;
-        lock.unlock();
-        s.waitCv.notify_all();
+      {
+        std::lock_guard lock(s.ticketMutex);
+        ++s.ticketsDone;
       }
+      s.ticketCv.notify_all();
     }
-  } release{s, idle};
+  } release{s};
   OnQueue on(&s, &s.label);
   block();
 }
@@ -275,9 +483,9 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
   // Thread names are limited to 15 bytes; the full label is the queue's.
   pthread_setname_np(pthread_self(), "logwell-queue");
   OnQueue on(&s, &s.label);
-  std::vector<std::unique_ptr<Job>> batch(takenAtOnce);
   const Context noContext;
   std::string notice;
+  bool batchOpen = false;
   auto guarded = [&](auto&& work) {
     try {
       work();
@@ -285,59 +493,126 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
       reportEscapedException(s.label);
     }
   };
+  auto endBatch = [&] {
+    if (std::exchange(batchOpen, false) && s.batchEnd) guarded(s.batchEnd);
+  };
+  auto reportDropped = [&](bool caughtUp) {
+    std::size_t dropped = s.droppedOldest.exchange(0, std::memory_order_relaxed);
+    if (caughtUp) dropped += s.droppedNewest.exchange(0, std::memory_order_relaxed);
+    if (dropped == 0) return false;
+    guarded([&] {
+      notice = droppedNotice(dropped);
+      s.handler(Entry{Level::warning, notice, s.label, {}, {}, 0, &noContext});
+    });
+    batchOpen = true;
+    return true;
+  };
+  auto runPointer = [&](std::uint32_t kind, void* pointer) {
+    endBatch();
+    if (kind == blockKind) {
+      std::unique_ptr<std::function<void()>> block(static_cast<std::function<void()>*>(pointer));
+      guarded(*block);
+      return;
+    }
+    std::unique_lock lock(s.ticketMutex);
+    const auto done = s.ticketsDone;
+    static_cast<Ticket*>(pointer)->granted = true;
+    s.ticketCv.notify_all();
+    s.ticketCv.wait(lock, [&] { return s.ticketsDone != done; });
+  };
+
+  Chunk* chunk = nullptr;
+  std::size_t offset = 0;
   for (;;) {
-    std::unique_lock lock(s.mutex);
-    while ((s.pending.size() == 0 || s.busy) && !(s.stopping && s.pending.size() == 0)) {
-      s.workerWaiting = true;
-      s.workerCv.wait(lock);
-      s.workerWaiting = false;
+    if (!chunk) {
+      std::lock_guard guard(s.lock);
+      chunk = s.reading;
     }
-    if (s.pending.size() == 0) break;  // stopping
-    const std::size_t taken = std::min(s.pending.size(), takenAtOnce);
-    for (std::size_t i = 0; i < taken; ++i) {
-      s.pending.popFront(batch[i]);
-      if (batch[i]->kind == Job::Kind::entry) --s.pendingEntries;
-    }
-    const std::size_t dropped = std::exchange(s.dropped, 0);
-    s.busy = true;
-    lock.unlock();
+    Header* h = chunk ? &chunk->at(offset) : nullptr;
+    const std::uint32_t kind = h ? h->kind.load(std::memory_order_acquire) : unwritten;
 
-    // The dropped entries were older than every job still waiting: say so before them.
-    if (dropped > 0)
-      guarded([&] {
-        notice = droppedNotice(dropped);
-        s.handler(Entry{Level::warning, notice, s.label, {}, {}, 0, &noContext});
-      });
-    for (std::size_t i = 0; i < taken; ++i) {
-      Job& job = *batch[i];
-      guarded([&] {
-        switch (job.kind) {
-          case Job::Kind::entry:
-            s.handler(job.view());
-            break;
-          case Job::Kind::block:
-            job.block();
-            break;
-          case Job::Kind::ticket: {
-            std::unique_lock l(s.mutex);
-            s.grantedDone = false;
-            job.ticket->granted = true;
-            s.waitCv.notify_all();
-            s.waitCv.wait(l, [&] { return s.grantedDone; });
-            break;
-          }
-        }
-      });
-      job.recycle();
+    if (kind == endKind) {
+      std::vector<Rescued> rescued;
+      {
+        std::lock_guard guard(s.lock);
+        Chunk* read = std::exchange(chunk, chunk->next);
+        s.reading = chunk;
+        s.live -= read->mapped;
+        s.retire(read);
+        rescued.swap(s.rescued);
+      }
+      offset = 0;
+      s.freed.fetch_add(1, std::memory_order_release);
+      s.freed.notify_all();
+      for (const auto& r : rescued) runPointer(r.kind, r.pointer);
+      // Whatever was dropped came before the entries of the next chunk.
+      reportDropped(false);
+      continue;
     }
 
+    if (kind == entryKind) {
+      EntryFields fields;
+      std::memcpy(&fields, h + 1, sizeof fields);
+      std::string_view rest(reinterpret_cast<const char*>(h) + kEntryPrefix,
+                            h->size - kEntryPrefix);
+      std::string_view parts[4];
+      for (int i = 0; i < 4; ++i) {
+        parts[i] = rest.substr(0, fields.sizes[i]);
+        rest.remove_prefix(fields.sizes[i]);
+      }
+      const std::unique_ptr<Context> context(fields.context);
+      batchOpen = true;
+      guarded([&] {
+        s.handler(Entry{fields.level, parts[0], parts[1], parts[2], parts[3], fields.line,
+                        context ? context.get() : &noContext});
+      });
+      offset += h->size;
+      continue;
+    }
+
+    if (kind == blockKind || kind == ticketKind) {
+      reportDropped(true);
+      void* pointer;
+      std::memcpy(&pointer, h + 1, sizeof pointer);
+      offset += h->size;
+      runPointer(kind, pointer);
+      continue;
+    }
+
+    // Nothing more to read for now.
+    endBatch();
+    if (reportDropped(true)) continue;
     std::shared_ptr<void> release;
-    lock.lock();
-    s.busy = false;
-    if (s.pending.size() == 0) release = std::move(s.keepAlive);
-    lock.unlock();
+    bool empty;
+    {
+      std::lock_guard guard(s.lock);
+      empty = !chunk || (chunk == s.tail && offset == chunk->used);
+      if (empty) {
+        release = std::move(s.keepAlive);
+        // After a burst, the chunk being written and two spares stay mapped: a producer that
+        // keeps about the worker's pace would otherwise map and unmap a chunk each time.
+        s.releaseSpares(2);
+        s.account();
+      }
+    }
     // May destroy the owner, and with it the queue handle (which then detaches us).
     release.reset();
+    if (!empty) {
+      // A producer reserved the next record and is still copying it.
+      sched_yield();
+      continue;
+    }
+    if (s.stopping.load()) break;
+    const auto seen = s.wake.load(std::memory_order_acquire);
+    s.sleeping.store(true, std::memory_order_seq_cst);
+    bool more;
+    {
+      std::lock_guard guard(s.lock);
+      if (!chunk) chunk = s.reading;
+      more = chunk && chunk->at(offset).kind.load(std::memory_order_seq_cst) != unwritten;
+    }
+    if (!more && !s.stopping.load()) s.wake.wait(seen, std::memory_order_acquire);
+    s.sleeping.store(false, std::memory_order_relaxed);
   }
 }
 

@@ -131,41 +131,6 @@ TEST_F(Facade, FlushTimesOutOnABusyDestinationAndRemovalKeepsQueuedEntries) {
   EXPECT_TRUE(Logwell::flush(5));
 }
 
-TEST_F(Facade, AStuckDestinationNeverHoldsTheCallerAndDropsItsOldestEntries) {
-  std::promise<void> open;
-  auto stuck = std::make_shared<Recorder>();
-  stuck->gate = open.get_future().share();
-  Logwell::addDestination(stuck);
-  Logwell::info("stuck");
-  ASSERT_TRUE(logwell_test::eventually([&] { return stuck->started == 1; }));
-
-  // Past the limit, each new entry pushes out the oldest waiting one.
-  const std::size_t total = logwell::BaseDestination::maxPendingEntries + 100;
-  std::atomic<bool> done{false};
-  bool flushed = true;
-  std::thread caller([&] {
-    for (std::size_t i = 0; i < total; ++i) Logwell::info(i);
-    flushed = Logwell::flush(0);
-    done = true;
-  });
-  const bool returned = logwell_test::eventually([&] { return done.load(); });
-  open.set_value();
-  caller.join();
-  ASSERT_TRUE(returned) << "the caller waited for the stuck destination";
-  EXPECT_FALSE(flushed);
-  ASSERT_TRUE(Logwell::flush(10));
-
-  Logwell::info("after");  // no second notice
-  ASSERT_TRUE(Logwell::flush(10));
-  std::vector<std::string> expected{"stuck",
-                                    "logwell: dropped 100 entries while this "
-                                    "destination was behind"};
-  for (std::size_t i = 100; i < total; ++i) expected.push_back(std::to_string(i));
-  expected.push_back("after");
-  EXPECT_EQ(stuck->log->lines, expected);
-  EXPECT_EQ(stuck->log->entries.at(1).level, Level::warning);
-}
-
 TEST_F(Facade, DestinationsCanChangeWhileOtherThreadsLog) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> loggers;
@@ -184,26 +149,4 @@ TEST_F(Facade, DestinationsCanChangeWhileOtherThreadsLog) {
   EXPECT_TRUE(Logwell::flush(10));
   std::lock_guard lock(log->mutex);
   for (const auto& e : log->entries) ASSERT_EQ(e.message, "x");
-}
-
-TEST(Queue, SynchronousAndAsynchronousBlocksNeverOverlapAndKeepEachThreadsOrder) {
-  auto d = std::make_shared<logwell::BaseDestination>();
-  std::vector<std::pair<int, int>> ran;  // touched only on the queue
-  int running = 0, overlaps = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 500; ++i)
-        d->execute(i % 3 == 0, [&, t, i] {
-          overlaps += running++ != 0;
-          ran.emplace_back(t, i);
-          --running;
-        });
-    });
-  for (auto& t : threads) t.join();
-  d->executeSynchronously([] {});
-  EXPECT_EQ(overlaps, 0);
-  ASSERT_EQ(ran.size(), 2000u);
-  std::vector<int> next(4, 0);
-  for (auto [t, i] : ran) EXPECT_EQ(i, next[t]++);
 }

@@ -1,57 +1,71 @@
 #pragma once
 // A serial queue backed by one worker thread: jobs run one at a time, in submission order.
-// A synchronous job runs on the caller's thread while the queue is held, so that a caller
-// that waits anyway does not pay two thread switches.
+// A synchronous job runs on the caller's thread while the worker waits for it, so that the
+// job never overlaps another one.
 //
-// Queued entries are copied into slots that keep their buffers from one use to the next, so
-// that logging does not allocate once the queue has warmed up.
-//
-// A producer never waits for the worker: past `maxEntries` waiting entries the oldest one
-// is dropped, and the worker hands a line saying how many to the handler before the next
-// entry it runs. Blocks and synchronous callers are never dropped.
+// Waiting jobs are records in a list of chunks of memory that the queue maps while it needs
+// them and unmaps once the worker is through them, so that a burst takes memory and gives it
+// back. Producers share one short critical section (a bump of the write position); they copy
+// their entry outside it and publish it with one atomic store, and the worker reads it in
+// place. The chunks together never exceed the queue's budget in bytes; when an entry does not
+// fit, the overflow policy decides. Blocks and synchronous callers are never dropped, and may
+// go past the budget by a page each.
 
-#include <condition_variable>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "logwell/internal/entry.hpp"
+#include "logwell/level.hpp"
+
+namespace logwell {
+enum class OverflowPolicy : unsigned char;
+}
 
 namespace logwell::detail {
 
 class SerialQueue {
  public:
   using EntryHandler = std::function<void(const Entry&)>;
+  /// Called when the entries handed in a row end: before a block, before the worker waits,
+  /// before a synchronous caller runs. A destination may keep lines until then.
+  using BatchEnd = std::function<void()>;
   /// Gives a strong reference to the owner while jobs are pending, so that entries already
   /// queued are still written after the owner's last user lets go of it.
   using Retainer = std::function<std::shared_ptr<void>()>;
 
-  SerialQueue(std::string label, EntryHandler handler, Retainer retainer);
+  SerialQueue(std::string label, EntryHandler handler, BatchEnd batchEnd, Retainer retainer);
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
   const std::string& label() const;
 
-  /// Copies the entry (and its context) into the queue; drops the oldest waiting entry when
-  /// `maxEntries` are waiting already.
+  /// Copies the entry (and its context) into the queue; when the budget is full, drops it,
+  /// drops older ones or waits, as the policy says.
   void async(const Entry& entry);
   void async(std::function<void()> block);
   /// Runs `block` on the calling thread once every job submitted before has run.
   void sync(const std::function<void()>& block);
 
+  std::size_t budget() const;
+  /// Throws std::invalid_argument below `minBudget`.
+  void setBudget(std::size_t bytes);
+  static void checkBudget(std::size_t bytes);
+  OverflowPolicy policy() const;
+  void setPolicy(OverflowPolicy policy);
+
+  /// The bytes the queue holds mapped now (waiting records, and chunks kept for reuse until
+  /// the worker catches up).
+  std::size_t bytesHeld() const;
+
   /// The label of the queue whose work runs on this thread, or null.
   static const std::string* currentLabel() noexcept;
 
-  /// Entries that may wait for the worker; see `BaseDestination::maxPendingEntries`.
-  static constexpr std::size_t maxEntries = 4096;
-  /// The worker takes at most this many jobs at a time: the ones it holds can no longer be
-  /// dropped, and it stays short so that what is dropped is nearly always the oldest.
-  static constexpr std::size_t takenAtOnce = 32;
+  static constexpr std::size_t minBudget = 64 * 1024;
 
   /// The line the handler gets in place of `count` dropped entries.
   static std::string droppedNotice(std::size_t count);
@@ -63,5 +77,12 @@ class SerialQueue {
 
   static void run(const std::shared_ptr<State>& state);
 };
+
+/// What a new queue starts with; `Logwell::setQueueBudget` and `setOverflowPolicy` change it.
+struct QueueDefaults {
+  std::atomic<std::size_t> budget;
+  std::atomic<OverflowPolicy> policy;
+};
+QueueDefaults& queueDefaults();
 
 }  // namespace logwell::detail
