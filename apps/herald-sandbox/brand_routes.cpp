@@ -98,7 +98,7 @@ void addBrandRoutes(Router& router, Accounts& accounts, Brands& brands,
                              BrandExecution execution(brands, call);
                              return graphql::execute(execution, call.limits);
                            });
-  });
+  }, Router::Runs::onWorker);
   router.add("PUT", "/_sandbox/brands/*",
              [&brands](const Request& request, std::string_view) { return putBrand(brands, request); });
 }

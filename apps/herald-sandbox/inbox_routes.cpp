@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -294,10 +296,34 @@ class InboxExecution : public graphql::Execution {
   std::optional<std::string> source_;  ///< "x-herald-client-source-id", told with each change
 };
 
+// GraphQL runs on several workers at once. The inbox guards each change itself; a mutation
+// of several fields must also not interleave with another request's mutation of the same
+// inbox, so the mutations of one user take turns.
+class MutationTurns {
+ public:
+  std::unique_lock<std::mutex> take(const std::string& user) {
+    std::shared_ptr<std::mutex> turn;
+    {
+      std::lock_guard lock(mutex_);
+      auto& slot = turns_[user];
+      if (!slot) slot = std::make_shared<std::mutex>();
+      turn = slot;
+    }
+    return std::unique_lock(*turn);  // the map keeps the mutex for as long as the process
+  }
+
+ private:
+  std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<std::mutex>> turns_;
+};
+
 Response graphQL(Accounts& accounts, Inbox& inbox, const graphql::Limits& limits,
-                 const Request& request) {
+                 MutationTurns& turns, const Request& request) {
   return graphql::answer(accounts, inboxSchema(), limits, request,
                          [&](const graphql::Call& call) {
+                           std::unique_lock<std::mutex> turn;
+                           if (call.operation.kind == graphql::Operation::Kind::mutation)
+                             turn = turns.take(call.user);
                            InboxExecution execution(inbox, call);
                            return graphql::execute(execution, call.limits);
                          });
@@ -389,9 +415,13 @@ InboxMessage addInboxMessage(Inbox& inbox, InboxMessage message, const std::stri
 
 void addInboxRoutes(Router& router, Accounts& accounts, Inbox& inbox,
                     const graphql::Limits& limits) {
-  router.add("POST", kGraphQLPath, [&](const Request& request, std::string_view) {
-    return graphQL(accounts, inbox, limits, request);
-  });
+  static MutationTurns turns;
+  router.add(
+      "POST", kGraphQLPath,
+      [&](const Request& request, std::string_view) {
+        return graphQL(accounts, inbox, limits, turns, request);
+      },
+      Router::Runs::onWorker);
   router.add(
       "POST", "/_sandbox/users/*/messages",
       [&inbox](const Request& request, std::string_view) { return addMessage(inbox, request); });

@@ -247,7 +247,11 @@ std::size_t faultInside(std::string_view rest) {
     if (!digit(i)) return i;
     while (digit(i)) ++i;
   }
-  return i;
+  // A whole number followed by what cannot follow one is faulty there; else the number is
+  // fine and merely misplaced.
+  const bool runOn = i < rest.size() && (rest[i] == '.' || rest[i] == '_' ||
+                                         std::isalnum(static_cast<unsigned char>(rest[i])));
+  return runOn ? i : 0;
 }
 
 std::string describeMisfit(std::string_view rest) {
