@@ -1,9 +1,11 @@
 // The sandbox's inbox GraphQL route, asked with the very texts the inbox client sends.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "integration/processes.hpp"
@@ -392,6 +394,41 @@ TEST_F(InboxGraphQL, TheBodyAndItsVariablesAreReadAsAGraphQLServerReadsThem) {
     EXPECT_EQ(answer.status, 400) << c.body;
     EXPECT_NE(answer.firstError().find(c.expected), std::string::npos) << c.body << answer.body;
   }
+}
+
+// GraphQL runs on workers: while other clients send the worst documents, many at once, a plain
+// count is answered, and each hostile document gets its own refusal. (How long the count
+// waits is measured by bench/graphql_bench, not asserted here.)
+TEST_F(InboxGraphQL, AClientIsAnsweredWhileOthersSendTheWorstDocuments) {
+  addWith("2026-01-01T00:00:00Z");
+  std::string pairs = "{ ...F0a ...F0b }";
+  for (int i = 0; i <= 22; ++i)
+    for (const char* side : {"a", "b"})
+      pairs += " fragment F" + std::to_string(i) + side + " on Query { " +
+               (i == 22 ? std::string("nope")
+                        : "...F" + std::to_string(i + 1) + "a ...F" + std::to_string(i + 1) + "b") +
+               " }";
+  std::string pages = "{";
+  for (int i = 0; i < 865; ++i)
+    pages += " p" + std::to_string(i) + ": messages(limit: 100) { nodes { messageId } }";
+  const std::vector<std::string> worst{
+      pairs, pages + " }",
+      "query Q($v: " + std::string(30000, '[') + "Int" + std::string(30000, ']') + ") { count }"};
+  std::vector<std::thread> hostile;
+  std::atomic<int> refused{0};
+  for (int t = 0; t < 3; ++t)
+    hostile.emplace_back([&, t] {
+      for (int i = 0; i < 10; ++i)
+        if (ask(worst[static_cast<std::size_t>(t)]).status == 400) ++refused;
+    });
+  int counted = 0;
+  for (int i = 0; i < 20; ++i) {
+    const auto answer = ask("{ count }");
+    if (answer.status == 200 && answer.data().at("count") == 1) ++counted;
+  }
+  for (auto& thread : hostile) thread.join();
+  EXPECT_EQ(counted, 20);
+  EXPECT_EQ(refused.load(), 30);
 }
 
 TEST_F(InboxGraphQL, CredentialsAreThoseOfTheRestRoutesButTheClientKeyCounts) {
