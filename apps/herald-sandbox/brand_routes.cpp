@@ -92,15 +92,19 @@ Response putBrand(Brands& brands, const Request& request) {
 
 void addBrandRoutes(Router& router, Accounts& accounts, Brands& brands,
                     const graphql::Limits& limits) {
-  router.add("POST", kGraphQLPath, [&](const Request& request, std::string_view) {
-    return graphql::answer(accounts, brandSchema(), limits, request,
-                           [&](const graphql::Call& call) {
-                             BrandExecution execution(brands, call);
-                             return graphql::execute(execution, call.limits);
-                           });
-  }, Router::Runs::onWorker);
-  router.add("PUT", "/_sandbox/brands/*",
-             [&brands](const Request& request, std::string_view) { return putBrand(brands, request); });
+  router.add(
+      "POST", kGraphQLPath,
+      [&](const Request& request, std::string_view) {
+        return graphql::answer(accounts, brandSchema(), limits, request,
+                               [&](const graphql::Call& call) {
+                                 BrandExecution execution(brands, call);
+                                 return graphql::execute(execution, call.limits);
+                               });
+      },
+      Router::Runs::onWorker);
+  router.add("PUT", "/_sandbox/brands/*", [&brands](const Request& request, std::string_view) {
+    return putBrand(brands, request);
+  });
 }
 
 }  // namespace sandbox

@@ -117,8 +117,8 @@ class InboxExecution : public graphql::Execution {
   json::value page(const FieldGroup& group, const json::object& arguments) {
     const json::array path{json::string(group.key)};
     const auto* limitArgument = arguments.if_contains("limit");
-    const auto limit = limitArgument && limitArgument->is_int64() ? limitArgument->as_int64()
-                                                                  : kDefaultLimit;
+    const auto limit =
+        limitArgument && limitArgument->is_int64() ? limitArgument->as_int64() : kDefaultLimit;
     if (limit < 0 || limit > kMaxLimit) {
       fail("limit must be from 0 to " + std::to_string(kMaxLimit) + ", not " +
                std::to_string(limit) + ".",
@@ -290,7 +290,6 @@ class InboxExecution : public graphql::Execution {
     return true;
   }
 
-
   std::string user_;
   Inbox& inbox_;
   std::optional<std::string> source_;  ///< "x-herald-client-source-id", told with each change
@@ -319,14 +318,12 @@ class MutationTurns {
 
 Response graphQL(Accounts& accounts, Inbox& inbox, const graphql::Limits& limits,
                  MutationTurns& turns, const Request& request) {
-  return graphql::answer(accounts, inboxSchema(), limits, request,
-                         [&](const graphql::Call& call) {
-                           std::unique_lock<std::mutex> turn;
-                           if (call.operation.kind == graphql::Operation::Kind::mutation)
-                             turn = turns.take(call.user);
-                           InboxExecution execution(inbox, call);
-                           return graphql::execute(execution, call.limits);
-                         });
+  return graphql::answer(accounts, inboxSchema(), limits, request, [&](const graphql::Call& call) {
+    std::unique_lock<std::mutex> turn;
+    if (call.operation.kind == graphql::Operation::Kind::mutation) turn = turns.take(call.user);
+    InboxExecution execution(inbox, call);
+    return graphql::execute(execution, call.limits);
+  });
 }
 
 std::optional<std::string> optionalText(const json::object& body, std::string_view key) {

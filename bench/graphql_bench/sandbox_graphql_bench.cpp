@@ -29,10 +29,11 @@ std::string pairs(int levels) {
   std::string text = "{ ...F0a ...F0b }";
   for (int i = 0; i <= levels; ++i)
     for (const char* side : {"a", "b"})
-      text += " fragment F" + std::to_string(i) + side + " on Query { " +
-              (i == levels ? std::string("count")
-                           : "...F" + std::to_string(i + 1) + "a ...F" + std::to_string(i + 1) + "b") +
-              " }";
+      text +=
+          " fragment F" + std::to_string(i) + side + " on Query { " +
+          (i == levels ? std::string("count")
+                       : "...F" + std::to_string(i + 1) + "a ...F" + std::to_string(i + 1) + "b") +
+          " }";
   return text;
 }
 
@@ -57,8 +58,8 @@ const std::vector<std::pair<std::string, std::string>>& documents() {
       {"mutation", "mutation TrackEvent { read(messageId: \"i1\") }"},
       {"pairs22", pairs(22)},
       {"aliases865", repeated(" p: messages(limit: 100) { nodes { messageId } }", 865)},
-      {"deepType", "query Q($v: " + std::string(30000, '[') + "Int" + std::string(30000, ']') +
-                       ") { count }"},
+      {"deepType",
+       "query Q($v: " + std::string(30000, '[') + "Int" + std::string(30000, ']') + ") { count }"},
       {"repeated2000", repeated(" count", 2000)},
   };
   return list;
@@ -85,7 +86,8 @@ class Fixture : public Execution {
     const auto* stored = data.as_object().if_contains(group.field->name);
     if (!stored) return nullptr;
     const auto& root = isMutation() ? schema().mutationType : schema().queryType;
-    const auto* named = schema().named(schema().field(*schema().type(root), group.field->name)->type);
+    const auto* named =
+        schema().named(schema().field(*schema().type(root), group.field->name)->type);
     return named->isLeaf() ? *stored : selectFrom(named->name, group.subsets, *stored);
   }
 };
@@ -107,8 +109,7 @@ std::size_t serve(const std::string& text) {
 
 void BM_Serve(benchmark::State& state, std::string text) {
   for (auto _ : state) benchmark::DoNotOptimize(serve(text));
-  state.SetLabel(std::to_string(text.size()) + " bytes, " +
-                 (serve(text) ? "answered" : "refused"));
+  state.SetLabel(std::to_string(text.size()) + " bytes, " + (serve(text) ? "answered" : "refused"));
 }
 
 // graphql-js's time per document, measured inside one node run over all of them.
@@ -130,7 +131,8 @@ std::map<std::string, double> reference() {
   if (!pipe) return times;
   std::string output;
   char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    output.append(buffer, n);
   ::pclose(pipe);
   std::filesystem::remove(input);
   std::istringstream lines(output);

@@ -20,7 +20,8 @@ json::object fixture() {
                  "nodes": [{"messageId": "i2", "title": "B", "actions": [{"href": "x"}]},
                            {"messageId": "i1", "title": "A"}]},
     "message": {"messageId": "i1", "title": "A", "content": {"title": "A"}}
-  })").as_object();
+  })")
+      .as_object();
 }
 
 TEST(GraphQLExecution, WhatAQueryMayAskForIsWeighedBeforeAnythingRuns) {
@@ -83,9 +84,9 @@ TEST(GraphQLExecution, VariablesAreCoercedAgainstTheSchemaWithThePlaceOfTheFault
       {R"({"id": null})", "Variable \"$id\" of non-null type \"String!\" must not be null."},
   };
   for (const auto& c : cases) {
-    const auto outcome = run(sandbox::inboxSchema(), query,
-                             {.variables = platform::parseJSON(c.variables).as_object(),
-                              .fixture = fixture()});
+    const auto outcome =
+        run(sandbox::inboxSchema(), query,
+            {.variables = platform::parseJSON(c.variables).as_object(), .fixture = fixture()});
     EXPECT_EQ(outcome.phase, "execution") << c.variables;
     EXPECT_EQ(graphql_test::firstMessage(outcome), c.message);
   }

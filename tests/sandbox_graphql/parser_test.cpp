@@ -43,8 +43,7 @@ TEST(GraphQLParser, EveryRuleThatNestsCountsAgainstTheOneDepthLimit) {
   large.tokens = 1 << 20;
   for (const auto& text : deepest) {
     const auto message = syntaxError(text, large);
-    EXPECT_NE(message.find("deeper than 32 levels (this service's depth limit)"),
-              std::string::npos)
+    EXPECT_NE(message.find("deeper than 32 levels (this service's depth limit)"), std::string::npos)
         << text.substr(0, 60) << ": " << message;
   }
   // Up to the limit, each is read; one level more is not.

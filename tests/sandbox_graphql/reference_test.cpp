@@ -3,6 +3,7 @@
 // generated from the schema, each then broken in one way. Both must agree on the phase that
 // refuses a document, the errors' number, places and words, and the data of what runs.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -13,8 +14,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include "graphql/schemas.hpp"
 #include "graphql/typeref.hpp"
@@ -100,8 +99,7 @@ class Generator {
     std::string head = "query Q";
     if (!variables_.empty()) {
       head += "(";
-      for (std::size_t i = 0; i < variables_.size(); ++i)
-        head += (i ? ", " : "") + variables_[i];
+      for (std::size_t i = 0; i < variables_.size(); ++i) head += (i ? ", " : "") + variables_[i];
       head += ")";
     }
     std::string text = head + " " + body;
@@ -109,13 +107,18 @@ class Generator {
     return text;
   }
 
-  std::size_t pick(std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(random_); }
+  std::size_t pick(std::size_t n) {
+    return std::uniform_int_distribution<std::size_t>(0, n - 1)(random_);
+  }
   bool chance(int percent) { return static_cast<int>(pick(100)) < percent; }
 
  private:
   std::string literal(std::string_view type) {
     const auto named = sandbox::graphql::typeref::named(type);
-    if (sandbox::graphql::typeref::isList(type)) return "[" + literal(sandbox::graphql::typeref::ofType(sandbox::graphql::typeref::nullable(type))) + "]";
+    if (sandbox::graphql::typeref::isList(type))
+      return "[" +
+             literal(sandbox::graphql::typeref::ofType(sandbox::graphql::typeref::nullable(type))) +
+             "]";
     if (named == "Int") return std::to_string(pick(50));
     if (named == "Boolean") return chance(50) ? "true" : "false";
     if (named == "String") return "\"s" + std::to_string(pick(9)) + "\"";
@@ -123,7 +126,8 @@ class Generator {
     if (input && input->kind == sandbox::graphql::TypeKind::inputObject) {
       std::string out = "{";
       for (const auto& field : input->inputFields)
-        if (chance(50)) out += (out.size() > 1 ? ", " : "") + field.name + ": " + literal(field.type);
+        if (chance(50))
+          out += (out.size() > 1 ? ", " : "") + field.name + ": " + literal(field.type);
       return out + "}";
     }
     return "null";
@@ -161,7 +165,8 @@ class Generator {
         const auto name = "F" + std::to_string(fragments_.size());
         fragments_.push_back("");  // reserve the name before the body takes its own
         const auto index = fragments_.size() - 1;
-        fragments_[index] = "fragment " + name + " on " + type.name + " " + selection(type, depth + 1);
+        fragments_[index] =
+            "fragment " + name + " on " + type.name + " " + selection(type, depth + 1);
         out += " ..." + name;
         continue;
       }
@@ -174,8 +179,11 @@ class Generator {
       out += " ";
       if (chance(25)) out += "a" + std::to_string(pick(3)) + "_" + field.name + ": ";
       out += field.name + arguments(field);
-      if (chance(10)) out += std::string(" @") + (chance(50) ? "skip" : "include") + "(if: " + (chance(50) ? "true" : "false") + ")";
-      if (!result->isLeaf()) out += " " + (depth < 4 ? selection(*result, depth + 1) : "{ __typename }");
+      if (chance(10))
+        out += std::string(" @") + (chance(50) ? "skip" : "include") +
+               "(if: " + (chance(50) ? "true" : "false") + ")";
+      if (!result->isLeaf())
+        out += " " + (depth < 4 ? selection(*result, depth + 1) : "{ __typename }");
     }
     return out + " }";
   }
@@ -251,7 +259,10 @@ std::vector<Case> generated(std::size_t count) {
     const auto valid = generator.query();
     cases.push_back({"generated/" + std::to_string(i) + "/valid", "inbox", valid, {}, {}});
     cases.push_back({"generated/" + std::to_string(i) + "/broken-" + std::to_string(i % 14),
-                     "inbox", breakOnce(valid, i), {}, {}});
+                     "inbox",
+                     breakOnce(valid, i),
+                     {},
+                     {}});
   }
   return cases;
 }
@@ -266,7 +277,8 @@ std::string shellQuote(const std::string& text) {
 
 // Runs the reference once over every line; its answers by id.
 std::map<std::string, json::object> reference(const std::vector<json::object>& lines) {
-  const auto input = fs::temp_directory_path() / ("graphql-ref-" + std::to_string(::getpid()) + ".jsonl");
+  const auto input =
+      fs::temp_directory_path() / ("graphql-ref-" + std::to_string(::getpid()) + ".jsonl");
   {
     std::ofstream file(input);
     for (const auto& line : lines) file << platform::toJSON(line) << "\n";
@@ -279,7 +291,8 @@ std::map<std::string, json::object> reference(const std::vector<json::object>& l
   if (!pipe) return answers;
   std::string output;
   char buffer[65536];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    output.append(buffer, n);
   ::pclose(pipe);
   fs::remove(input);
   std::istringstream stream(output);
@@ -291,7 +304,8 @@ std::map<std::string, json::object> reference(const std::vector<json::object>& l
 }
 
 bool referenceAvailable() {
-  return std::system("NODE_PATH=/usr/share/nodejs node -e \"require('graphql')\" >/dev/null 2>&1") == 0;
+  return std::system(
+             "NODE_PATH=/usr/share/nodejs node -e \"require('graphql')\" >/dev/null 2>&1") == 0;
 }
 
 // The reference suggests names ("Did you mean …?"); the engine does not.
@@ -329,7 +343,8 @@ class AgainstTheReference : public ::testing::Test {
   static std::vector<json::object> schemaLines() {
     std::vector<json::object> lines;
     for (const char* name : {"inbox", "brand"})
-      lines.push_back({{"schema", name}, {"sdl", sandbox::graphql::printSchema(schemaNamed(name))}});
+      lines.push_back(
+          {{"schema", name}, {"sdl", sandbox::graphql::printSchema(schemaNamed(name))}});
     return lines;
   }
 };
@@ -342,8 +357,11 @@ TEST_F(AgainstTheReference, TheCorpusGetsTheSameVerdictsErrorsAndData) {
 
   auto lines = schemaLines();
   for (const auto& c : cases) {
-    json::object line{{"id", c.id}, {"schema", c.schema}, {"query", c.query},
-                      {"variables", c.variables}, {"fixture", fixtureFor(c.schema)}};
+    json::object line{{"id", c.id},
+                      {"schema", c.schema},
+                      {"query", c.query},
+                      {"variables", c.variables},
+                      {"fixture", fixtureFor(c.schema)}};
     if (c.operationName) line["operationName"] = *c.operationName;
     lines.push_back(std::move(line));
   }
@@ -353,7 +371,8 @@ TEST_F(AgainstTheReference, TheCorpusGetsTheSameVerdictsErrorsAndData) {
   std::map<std::string, int> phases;
   for (const auto& c : cases) {
     const auto& theirs = answers.at(c.id);
-    graphql_test::Options options{.variables = c.variables, .operationName = c.operationName,
+    graphql_test::Options options{.variables = c.variables,
+                                  .operationName = c.operationName,
                                   .fixture = fixtureFor(c.schema)};
     const auto ours = graphql_test::run(schemaNamed(c.schema), c.query, options);
     const auto phase = std::string(theirs.at("phase").as_string());
@@ -378,7 +397,8 @@ TEST_F(AgainstTheReference, ThePrintedSchemaAndTheIntrospectionAreTheReferencesO
   auto lines = schemaLines();
   for (const char* name : {"inbox", "brand"}) {
     lines.push_back({{"id", std::string("print-") + name}, {"schema", name}, {"print", true}});
-    lines.push_back({{"id", std::string("introspect-") + name}, {"schema", name}, {"introspect", true}});
+    lines.push_back(
+        {{"id", std::string("introspect-") + name}, {"schema", name}, {"introspect", true}});
   }
   const auto answers = reference(lines);
   for (const std::string name : {"inbox", "brand"}) {

@@ -1,6 +1,8 @@
 // Validation over the whole document, with the faults a hostile or careless client found:
 // what GraphQL refuses is refused wherever it stands, and no document costs more than a
 // bounded amount of work however its fragments are spread.
+#include "graphql/validation.hpp"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 
 #include "graphql/document.hpp"
 #include "graphql/schemas.hpp"
-#include "graphql/validation.hpp"
 
 namespace {
 
@@ -37,9 +38,11 @@ TEST(GraphQLValidation, WhatGraphQLRefusesIsRefusedWithThePlacesOfTheFault) {
     std::vector<std::pair<std::size_t, std::size_t>> locations;
   } cases[] = {
       {"{ count(params: {}, params: {}) }",
-       "There can be only one argument named \"params\".", {{1, 9}, {1, 21}}},
+       "There can be only one argument named \"params\".",
+       {{1, 9}, {1, 21}}},
       {"query Q($a: Int, $a: Int, $a: Int) { messages(limit: $a) { totalCount } }",
-       "There can be only one variable named \"$a\".", {{1, 10}, {1, 19}, {1, 28}}},
+       "There can be only one variable named \"$a\".",
+       {{1, 10}, {1, 19}, {1, 28}}},
       {"{ x: count x: count(params: {archived: true}) }",
        "Fields \"x\" conflict because they have differing arguments. Use different aliases on the "
        "fields to fetch both if this was intentional.",
@@ -49,35 +52,45 @@ TEST(GraphQLValidation, WhatGraphQLRefusesIsRefusedWithThePlacesOfTheFault) {
        "aliases on the fields to fetch both if this was intentional.",
        {{1, 32}, {1, 41}}},
       {"query Q($a: Int) { count }", "Variable \"$a\" is never used in operation \"Q\".", {{1, 9}}},
-      {"query Q($a: [Nope]) { messages(after: $a) { totalCount } }", "Unknown type \"Nope\".",
+      {"query Q($a: [Nope]) { messages(after: $a) { totalCount } }",
+       "Unknown type \"Nope\".",
        {{1, 14}}},
       {"query Q($a: Message) { count(params: $a) }",
-       "Variable \"$a\" cannot be non-input type \"Message\".", {{1, 13}}},
+       "Variable \"$a\" cannot be non-input type \"Message\".",
+       {{1, 13}}},
       {"{ count } fragment F on Query { count }", "Fragment \"F\" is never used.", {{1, 11}}},
       {"{ ...F } fragment F on Query { count } fragment F on Query { count }",
-       "There can be only one fragment named \"F\".", {{1, 19}, {1, 49}}},
+       "There can be only one fragment named \"F\".",
+       {{1, 19}, {1, 49}}},
       {"{ ...F } fragment F on Query @skip(if: true) { count }",
-       "Directive \"@skip\" may not be used on FRAGMENT_DEFINITION.", {{1, 30}}},
+       "Directive \"@skip\" may not be used on FRAGMENT_DEFINITION.",
+       {{1, 30}}},
       {"{ count @skip(if: false) @skip(if: true) }",
-       "The directive \"@skip\" can only be used once at this location.", {{1, 9}, {1, 26}}},
+       "The directive \"@skip\" can only be used once at this location.",
+       {{1, 9}, {1, 26}}},
       {"{ count @skip(if: false, unless: true) }",
-       "Unknown argument \"unless\" on directive \"@skip\".", {{1, 26}}},
+       "Unknown argument \"unless\" on directive \"@skip\".",
+       {{1, 26}}},
       {"{ count @skip }",
        "Directive \"@skip\" argument \"if\" of type \"Boolean!\" is required, but it was not "
        "provided.",
        {{1, 9}}},
       {"query Q { count } { count }",
-       "This anonymous operation must be the only defined operation.", {{1, 19}}},
+       "This anonymous operation must be the only defined operation.",
+       {{1, 19}}},
       {"query Q { count } mutation Q { markAllRead }",
-       "There can be only one operation named \"Q\".", {{1, 7}, {1, 28}}},
+       "There can be only one operation named \"Q\".",
+       {{1, 7}, {1, 28}}},
       {"{ ...A } fragment A on Query { ...B } fragment B on Query { ...A }",
-       "Cannot spread fragment \"A\" within itself via \"B\".", {{1, 32}, {1, 61}}},
+       "Cannot spread fragment \"A\" within itself via \"B\".",
+       {{1, 32}, {1, 61}}},
       {"{ ...Nope }", "Unknown fragment \"Nope\".", {{1, 6}}},
       {"{ ...M } fragment M on Message { title }",
        "Fragment \"M\" cannot be spread here as objects of type \"Query\" can never be of type "
        "\"Message\".",
        {{1, 3}}},
-      {"{ ... on Int { count } }", "Fragment cannot condition on non composite type \"Int\".",
+      {"{ ... on Int { count } }",
+       "Fragment cannot condition on non composite type \"Int\".",
        {{1, 10}}},
       {"query Q($n: Int) { messages(after: $n) { totalCount } }",
        "Variable \"$n\" of type \"Int\" used in position expecting type \"String\".",
@@ -85,24 +98,31 @@ TEST(GraphQLValidation, WhatGraphQLRefusesIsRefusedWithThePlacesOfTheFault) {
       {"query Q($id: String) { message(messageId: $id) { title } }",
        "Variable \"$id\" of type \"String\" used in position expecting type \"String!\".",
        {{1, 9}, {1, 43}}},
-      {"{ message(messageId: $id) { title } }", "Variable \"$id\" is not defined.",
+      {"{ message(messageId: $id) { title } }",
+       "Variable \"$id\" is not defined.",
        {{1, 22}, {1, 1}}},
       {"{ messages(limit: 3000000000) { totalCount } }",
-       "Int cannot represent non 32-bit signed integer value: 3000000000", {{1, 19}}},
+       "Int cannot represent non 32-bit signed integer value: 3000000000",
+       {{1, 19}}},
       {"{ count(params: {archived: true, archived: false}) }",
-       "There can be only one input field named \"archived\".", {{1, 18}, {1, 34}}},
+       "There can be only one input field named \"archived\".",
+       {{1, 18}, {1, 34}}},
       {"{ count(params: {tenant: \"x\"}) }",
-       "Field \"tenant\" is not defined by type \"FilterParamsInput\".", {{1, 18}}},
+       "Field \"tenant\" is not defined by type \"FilterParamsInput\".",
+       {{1, 18}}},
       {"{ message(messageId: null) { title } }",
-       "Expected value of type \"String!\", found null.", {{1, 22}}},
+       "Expected value of type \"String!\", found null.",
+       {{1, 22}}},
       {"{ count(params: [1]) }",
-       "Expected value of type \"FilterParamsInput\", found [1].", {{1, 17}}},
+       "Expected value of type \"FilterParamsInput\", found [1].",
+       {{1, 17}}},
       {"{ messages { nodes } }",
        "Field \"nodes\" of type \"[Message]\" must have a selection of subfields. Did you mean "
        "\"nodes { ... }\"?",
        {{1, 14}}},
       {"{ count { x } }",
-       "Field \"count\" must not have a selection since type \"Int\" has no subfields.", {{1, 9}}},
+       "Field \"count\" must not have a selection since type \"Int\" has no subfields.",
+       {{1, 9}}},
       {"{ __type { name } }",
        "Field \"__type\" argument \"name\" of type \"String!\" is required, but it was not "
        "provided.",

@@ -14,8 +14,7 @@ const graphql::Schema& brandSchema() {
                     {{"brandId", "String!", "The brand's id.", {}}},
                     {}}})
           .object("Brand", "How in-app surfaces look for one brand.",
-                  {{"brandId", "String", "", {}, {}},
-                   {"settings", "BrandSettings", "", {}, {}}})
+                  {{"brandId", "String", "", {}, {}}, {"settings", "BrandSettings", "", {}, {}}})
           .object("BrandSettings", "",
                   {{"colors", "BrandColors", "", {}, {}}, {"inapp", "BrandInApp", "", {}, {}}})
           .object("BrandColors", "",

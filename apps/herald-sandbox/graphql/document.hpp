@@ -27,7 +27,7 @@ struct Value {
   /// number as written ("-12", "1.5e3").
   std::string text;
   bool boolean = false;
-  std::vector<Value> items;                           ///< a list's items
+  std::vector<Value> items;         ///< a list's items
   std::vector<ObjectField> fields;  ///< an object's fields, in order
   bool block = false;               ///< a string written as """block"""
   Location location;

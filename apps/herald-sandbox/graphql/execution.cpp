@@ -51,8 +51,7 @@ std::optional<std::string> coerce(const Schema& schema, json::value& value, std:
   const auto text = platform::toJSON(value);
   switch (named->kind) {
     case TypeKind::inputObject: {
-      if (!value.is_object())
-        return "Expected type \"" + named->name + "\" to be an object.";
+      if (!value.is_object()) return "Expected type \"" + named->name + "\" to be an object.";
       auto& object = value.as_object();
       for (const auto& [key, field] : object)
         if (!named->inputField(key))
@@ -149,7 +148,8 @@ json::array Execution::prepare(const ExecutionLimits& limits) {
         "The operation asks for more than " + std::to_string(limits.cost) +
             " values (fields times the page and list sizes above them); this service answers "
             "at most " +
-            std::to_string(limits.cost) + " (its cost limit). Ask for smaller pages or fewer "
+            std::to_string(limits.cost) +
+            " (its cost limit). Ask for smaller pages or fewer "
             "aliases.",
         {operation_.location});
     error["extensions"] = json::object{{"code", "QUERY_TOO_COSTLY"},
@@ -184,12 +184,12 @@ std::size_t Execution::cost(std::string_view type, const Sets& sets, std::size_t
                             ? introspectionListSize(schema_, definition->name)
                         : childPage ? *childPage
                                     : kListEstimate;
-      childMultiplier = std::min<std::size_t>(multiplier * std::max<std::size_t>(size, 1),
-                                              limit + 1);
+      childMultiplier =
+          std::min<std::size_t>(multiplier * std::max<std::size_t>(size, 1), limit + 1);
       childPage.reset();
     }
-    total += cost(typeref::named(definition->type), group.subsets, childMultiplier, childPage,
-                  limit);
+    total +=
+        cost(typeref::named(definition->type), group.subsets, childMultiplier, childPage, limit);
   }
   return total;
 }
@@ -222,25 +222,25 @@ void Execution::coerceVariables() {
       if (definition.defaultValue) {
         variables_[definition.name] = literal(*definition.defaultValue);
       } else if (typeref::isNonNull(definition.type)) {
-        errors_.push_back(errorObject(quoted + " of required type \"" + definition.type +
-                                          "\" was not provided.",
-                                      {definition.location}));
+        errors_.push_back(
+            errorObject(quoted + " of required type \"" + definition.type + "\" was not provided.",
+                        {definition.location}));
       }
       continue;
     }
     if (given->is_null() && typeref::isNonNull(definition.type)) {
-      errors_.push_back(errorObject(
-          quoted + " of non-null type \"" + definition.type + "\" must not be null.",
-          {definition.location}));
+      errors_.push_back(
+          errorObject(quoted + " of non-null type \"" + definition.type + "\" must not be null.",
+                      {definition.location}));
       continue;
     }
     json::value value = *given;
     std::string path;
     if (auto problem = coerce(schema_, value, definition.type, path)) {
-      errors_.push_back(errorObject(quoted + " got invalid value " + platform::toJSON(*given) +
-                                        (path.empty() ? "" : " at \"" + definition.name + path + "\"") +
-                                        "; " + *problem,
-                                    {definition.location}));
+      errors_.push_back(errorObject(
+          quoted + " got invalid value " + platform::toJSON(*given) +
+              (path.empty() ? "" : " at \"" + definition.name + path + "\"") + "; " + *problem,
+          {definition.location}));
       continue;
     }
     variables_[definition.name] = std::move(value);
@@ -306,7 +306,8 @@ json::object Execution::args(const FieldGroup& group, std::string_view type) {
     if (absent) {
       if (argument.defaultValue) {
         const auto parsed = parse("{f(a: " + *argument.defaultValue + ")}");
-        result[argument.name] = literal(parsed.operations.front().selections.front().arguments.front().value);
+        result[argument.name] =
+            literal(parsed.operations.front().selections.front().arguments.front().value);
       }
       continue;
     }

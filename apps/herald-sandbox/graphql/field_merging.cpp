@@ -99,8 +99,7 @@ class Merging {
     for (const auto& conflict : conflicts) {
       auto locations = conflict.fields1;
       locations.insert(locations.end(), conflict.fields2.begin(), conflict.fields2.end());
-      reporter_.report("Fields \"" + conflict.key + "\" conflict because " +
-                           reasonText(conflict) +
+      reporter_.report("Fields \"" + conflict.key + "\" conflict because " + reasonText(conflict) +
                            ". Use different aliases on the fields to fetch both if this was "
                            "intentional.",
                        std::move(locations));
@@ -122,10 +121,11 @@ class Merging {
   void spend(std::size_t units = 1) {
     work_ += units;
     if (work_ > limits_.mergeWork)
-      reporter_.abort("Validation aborted: checking that fields which share a response key "
-                      "can be merged took more than " +
-                      std::to_string(limits_.mergeWork) +
-                      " comparisons (this service's field-merging work limit).");
+      reporter_.abort(
+          "Validation aborted: checking that fields which share a response key "
+          "can be merged took more than " +
+          std::to_string(limits_.mergeWork) +
+          " comparisons (this service's field-merging work limit).");
   }
 
   const FieldsAndFragments& gather(const TypeDefinition* parent,
@@ -146,7 +146,9 @@ class Merging {
         case Selection::Kind::field: {
           const auto* definition = parent ? parent->field(selection.name) : nullptr;
           auto* entries = out.find(selection.responseKey());
-          if (!entries) entries = &out.fields.emplace_back(selection.responseKey(), std::vector<FieldEntry>{}).second;
+          if (!entries)
+            entries =
+                &out.fields.emplace_back(selection.responseKey(), std::vector<FieldEntry>{}).second;
           entries->push_back({parent, &selection, definition});
           break;
         }
@@ -154,10 +156,10 @@ class Merging {
           if (names.insert(selection.name).second) out.fragments.push_back(selection.name);
           break;
         case Selection::Kind::inlineFragment:
-          gatherInto(out, names, selection.typeCondition.empty()
-                                     ? parent
-                                     : schema_.type(selection.typeCondition),
-                     selection.selections);
+          gatherInto(
+              out, names,
+              selection.typeCondition.empty() ? parent : schema_.type(selection.typeCondition),
+              selection.selections);
           break;
       }
     }
@@ -220,12 +222,12 @@ class Merging {
 
   // A conflict found between two groups, for each pair of their members; within one set,
   // each pair is told in the order its fields are written.
-  void add(std::vector<Conflict>& conflicts, const Conflict& found, const Group& a,
-           const Group& b, bool written) {
+  void add(std::vector<Conflict>& conflicts, const Conflict& found, const Group& a, const Group& b,
+           bool written) {
     for (const auto* first : a.members)
       for (const auto* second : b.members) {
         if (conflicts.size() > limits_.errors) return;  // more would only be dropped
-        if (written && second < first) {  // the reason is worded in that order too
+        if (written && second < first) {                // the reason is worded in that order too
           if (auto swapped = conflict(false, found.key, *second, *first))
             conflicts.push_back(std::move(*swapped));
           continue;
@@ -272,8 +274,8 @@ class Merging {
     }
   }
 
-  void betweenFragments(std::vector<Conflict>& conflicts, bool exclusive,
-                        const std::string& name1, const std::string& name2) {
+  void betweenFragments(std::vector<Conflict>& conflicts, bool exclusive, const std::string& name1,
+                        const std::string& name2) {
     if (name1 == name2 || compared(name1, name2, exclusive)) return;
     remember(name1, name2, exclusive);
     const auto* first = fragment(name1);

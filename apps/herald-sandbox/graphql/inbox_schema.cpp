@@ -9,27 +9,28 @@ const graphql::Schema& inboxSchema() {
   using graphql::InputValue;
   static const auto schema = [] {
     const std::vector<InputValue> byId{{"messageId", "String!", "The message's id.", {}}};
-    const InputValue params{"params", "FilterParamsInput",
+    const InputValue params{"params",
+                            "FilterParamsInput",
                             "Which messages: of one tenant, read or unread, archived or not.",
                             {}};
     auto tracking = [](const char* name, const char* event) {
-      return FieldDefinition{name, "String",
-                             std::string("The URL that records the ") + event + ".", {}, {}};
+      return FieldDefinition{
+          name, "String", std::string("The URL that records the ") + event + ".", {}, {}};
     };
     return graphql::SchemaBuilder()
-        .object(
-            "Query", "What a user's inbox holds.",
-            {{"count", "Int", "How many messages match the filter.", {params}, {}},
-             {"messages",
-              "MessageConnection",
-              "A page of the messages that match the filter, newest first.",
-              {params,
-               {"limit", "Int", "At most this many messages, from 0 to 100.", "10"},
-               {"after", "String",
-                "The cursor of the page before: its last message's id (pageInfo.startCursor).",
-                {}}},
-              {}},
-             {"message", "Message", "One message of the user, or null.", byId, {}}})
+        .object("Query", "What a user's inbox holds.",
+                {{"count", "Int", "How many messages match the filter.", {params}, {}},
+                 {"messages",
+                  "MessageConnection",
+                  "A page of the messages that match the filter, newest first.",
+                  {params,
+                   {"limit", "Int", "At most this many messages, from 0 to 100.", "10"},
+                   {"after",
+                    "String",
+                    "The cursor of the page before: its last message's id (pageInfo.startCursor).",
+                    {}}},
+                  {}},
+                 {"message", "Message", "One message of the user, or null.", byId, {}}})
         .object("Mutation", "What a user does with the messages of the inbox.",
                 {{"clicked",
                   "Boolean",
@@ -53,20 +54,20 @@ const graphql::Schema& inboxSchema() {
         .object("PageInfo", "Where a page ends.",
                 {{"startCursor", "String", "The cursor for the next page.", {}, {}},
                  {"hasNextPage", "Boolean", "Whether more messages follow.", {}, {}}})
-        .object("Message", "One message of the inbox.",
-                {{"messageId", "String", "The message's id.", {}, {}},
-                 {"title", "String", "", {}, {}},
-                 {"body", "String", "", {}, {}},
-                 {"preview", "String", "", {}, {}},
-                 {"data", "JSON", "What the sender attached.", {}, {}},
-                 {"actions", "[Action]", "The buttons of the message.", {}, {}},
-                 {"trackingIds", "TrackingIds", "", {}, {}},
-                 {"created", "String", "When it was sent (ISO 8601).", {}, {}},
-                 {"read", "String", "When it was read, or null.", {}, {}},
-                 {"opened", "String", "When it was opened, or null.", {}, {}},
-                 {"archived", "String", "When it was archived, or null.", {}, {}},
-                 {"content", "MessageContent", "Title, body, preview and actions together.",
-                  {}, {}}})
+        .object(
+            "Message", "One message of the inbox.",
+            {{"messageId", "String", "The message's id.", {}, {}},
+             {"title", "String", "", {}, {}},
+             {"body", "String", "", {}, {}},
+             {"preview", "String", "", {}, {}},
+             {"data", "JSON", "What the sender attached.", {}, {}},
+             {"actions", "[Action]", "The buttons of the message.", {}, {}},
+             {"trackingIds", "TrackingIds", "", {}, {}},
+             {"created", "String", "When it was sent (ISO 8601).", {}, {}},
+             {"read", "String", "When it was read, or null.", {}, {}},
+             {"opened", "String", "When it was opened, or null.", {}, {}},
+             {"archived", "String", "When it was archived, or null.", {}, {}},
+             {"content", "MessageContent", "Title, body, preview and actions together.", {}, {}}})
         .object("MessageContent", "What a message shows.",
                 {{"title", "String", "", {}, {}},
                  {"body", "String", "", {}, {}},

@@ -51,7 +51,8 @@ class Introspection {
       includeDeprecated = flag && flag->is_bool() && flag->as_bool();
     }
     json::array out;
-    const auto itemType = typeref::named(schema_.field(*schema_.type(type), group.field->name)->type);
+    const auto itemType =
+        typeref::named(schema_.field(*schema_.type(type), group.field->name)->type);
     for (const auto& item : items) {
       if constexpr (requires { item.deprecation; })
         if (!includeDeprecated && item.deprecation) continue;
@@ -127,7 +128,8 @@ class Introspection {
     const bool nonNull = typeref::isNonNull(ref);
     const bool isList = !nonNull && typeref::isList(ref);
     if (nonNull || isList) {
-      if (name == "kind") return json::value(kindName(nonNull ? TypeKind::nonNull : TypeKind::list));
+      if (name == "kind")
+        return json::value(kindName(nonNull ? TypeKind::nonNull : TypeKind::list));
       if (name == "ofType") return typeRef(group, typeref::ofType(ref));
       if (name == "fields" || name == "interfaces" || name == "possibleTypes" ||
           name == "enumValues" || name == "inputFields" || name == "name" ||

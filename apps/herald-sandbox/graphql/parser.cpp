@@ -1,5 +1,3 @@
-#include "document.hpp"
-
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -7,6 +5,8 @@
 #include <memory>
 #include <tao/pegtl.hpp>
 #include <tao/pegtl/contrib/parse_tree.hpp>
+
+#include "document.hpp"
 
 namespace sandbox::graphql {
 namespace {
@@ -670,8 +670,7 @@ Document parse(std::string_view text, const ParseLimits& limits) {
               std::to_string(limits.depth) + " levels (this service's depth limit).",
           where);
     throw SyntaxError("Syntax Error: the document holds more than " +
-                          std::to_string(limits.tokens) +
-                          " tokens (this service's token limit).",
+                          std::to_string(limits.tokens) + " tokens (this service's token limit).",
                       where);
   }
   if (!root) {

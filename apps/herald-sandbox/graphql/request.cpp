@@ -97,9 +97,10 @@ Response execute(Execution& execution, const Limits& limits) {
                              " bytes long; this service sends at most " +
                              std::to_string(limits.execution.answerBytes) +
                              " (its answer-size limit). Ask for smaller pages or fewer fields.");
-    error["extensions"] = json::object{{"code", "ANSWER_TOO_LARGE"},
-                                       {"bytes", static_cast<std::uint64_t>(response.body.size())},
-                                       {"limit", static_cast<std::uint64_t>(limits.execution.answerBytes)}};
+    error["extensions"] =
+        json::object{{"code", "ANSWER_TOO_LARGE"},
+                     {"bytes", static_cast<std::uint64_t>(response.body.size())},
+                     {"limit", static_cast<std::uint64_t>(limits.execution.answerBytes)}};
     return requestErrors({std::move(error)});
   }
   return response;

@@ -10,7 +10,9 @@ namespace {
 
 constexpr std::string_view kDefaultDeprecation = "No longer supported";
 
-InputValue includeDeprecated() { return {"includeDeprecated", "Boolean", "", "false"}; }
+InputValue includeDeprecated() {
+  return {"includeDeprecated", "Boolean", "", "false"};
+}
 
 // The standard scalars this service uses, and the introspection types, worded as the
 // reference implementation words them so that tools see the same descriptions.
@@ -20,14 +22,18 @@ void addBuiltIns(std::vector<TypeDefinition>& types) {
   };
   auto object = [&](std::string name, std::string description,
                     std::vector<FieldDefinition> fields) {
-    types.push_back({TypeKind::object, std::move(name), std::move(description), std::move(fields),
-                     {}, {}, {}});
+    types.push_back(
+        {TypeKind::object, std::move(name), std::move(description), std::move(fields), {}, {}, {}});
   };
   auto enumeration = [&](std::string name, std::string description,
                          std::vector<EnumValueDefinition> values) {
-    types.push_back(
-        {TypeKind::enumeration, std::move(name), std::move(description), {}, {}, std::move(values),
-         {}});
+    types.push_back({TypeKind::enumeration,
+                     std::move(name),
+                     std::move(description),
+                     {},
+                     {},
+                     std::move(values),
+                     {}});
   };
   scalar("String",
          "The `String` scalar type represents textual data, represented as UTF-8 character "
@@ -44,16 +50,23 @@ void addBuiltIns(std::vector<TypeDefinition>& types) {
          {{"description", "String", "", {}, {}},
           {"types", "[__Type!]!", "A list of all types supported by this server.", {}, {}},
           {"queryType", "__Type!", "The type that query operations will be rooted at.", {}, {}},
-          {"mutationType", "__Type",
+          {"mutationType",
+           "__Type",
            "If this server supports mutation, the type that mutation operations will be rooted "
            "at.",
-           {}, {}},
-          {"subscriptionType", "__Type",
+           {},
+           {}},
+          {"subscriptionType",
+           "__Type",
            "If this server support subscription, the type that subscription operations will be "
            "rooted at.",
-           {}, {}},
-          {"directives", "[__Directive!]!", "A list of all directives supported by this server.",
-           {}, {}}});
+           {},
+           {}},
+          {"directives",
+           "[__Directive!]!",
+           "A list of all directives supported by this server.",
+           {},
+           {}}});
   object("__Type",
          "The fundamental unit of any GraphQL Schema is the type. There are many kinds of types "
          "in GraphQL as represented by the `__TypeKind` enum.\n\nDepending on the kind of a "
@@ -75,7 +88,8 @@ void addBuiltIns(std::vector<TypeDefinition>& types) {
   enumeration(
       "__TypeKind", "An enum describing what kind of type a given `__Type` is.",
       {{"SCALAR", "Indicates this type is a scalar.", {}},
-       {"OBJECT", "Indicates this type is an object. `fields` and `interfaces` are valid fields.",
+       {"OBJECT",
+        "Indicates this type is an object. `fields` and `interfaces` are valid fields.",
         {}},
        {"INTERFACE",
         "Indicates this type is an interface. `fields`, `interfaces`, and `possibleTypes` are "
@@ -83,7 +97,8 @@ void addBuiltIns(std::vector<TypeDefinition>& types) {
         {}},
        {"UNION", "Indicates this type is a union. `possibleTypes` is a valid field.", {}},
        {"ENUM", "Indicates this type is an enum. `enumValues` is a valid field.", {}},
-       {"INPUT_OBJECT", "Indicates this type is an input object. `inputFields` is a valid field.",
+       {"INPUT_OBJECT",
+        "Indicates this type is an input object. `inputFields` is a valid field.",
         {}},
        {"LIST", "Indicates this type is a list. `ofType` is a valid field.", {}},
        {"NON_NULL", "Indicates this type is a non-null. `ofType` is a valid field.", {}}});
@@ -102,9 +117,11 @@ void addBuiltIns(std::vector<TypeDefinition>& types) {
          {{"name", "String!", "", {}, {}},
           {"description", "String", "", {}, {}},
           {"type", "__Type!", "", {}, {}},
-          {"defaultValue", "String",
+          {"defaultValue",
+           "String",
            "A GraphQL-formatted string representing the default value for this input value.",
-           {}, {}},
+           {},
+           {}},
           {"isDeprecated", "Boolean!", "", {}, {}},
           {"deprecationReason", "String", "", {}, {}}});
   object("__EnumValue",
@@ -373,37 +390,55 @@ void Schema::index() {
   byName_.clear();
   for (std::size_t i = 0; i < types.size(); ++i) byName_[types[i].name] = i;
   typename_ = {"__typename", "String!", "The name of the current Object type at runtime.", {}, {}};
-  schemaField_ = {"__schema", "__Schema!", "Access the current type schema of this server.", {},
-                  {}};
-  typeField_ = {"__type", "__Type", "Request the type information of a single type.",
-                {{"name", "String!", "", {}}}, {}};
+  schemaField_ = {
+      "__schema", "__Schema!", "Access the current type schema of this server.", {}, {}};
+  typeField_ = {"__type",
+                "__Type",
+                "Request the type information of a single type.",
+                {{"name", "String!", "", {}}},
+                {}};
 }
 
 SchemaBuilder& SchemaBuilder::object(std::string name, std::string description,
                                      std::vector<FieldDefinition> fields) {
-  types_.push_back({TypeKind::object, std::move(name), std::move(description), std::move(fields),
-                    {}, {}, {}});
+  types_.push_back(
+      {TypeKind::object, std::move(name), std::move(description), std::move(fields), {}, {}, {}});
   return *this;
 }
 
 SchemaBuilder& SchemaBuilder::input(std::string name, std::string description,
                                     std::vector<InputValue> fields) {
-  types_.push_back({TypeKind::inputObject, std::move(name), std::move(description), {},
-                    std::move(fields), {}, {}});
+  types_.push_back({TypeKind::inputObject,
+                    std::move(name),
+                    std::move(description),
+                    {},
+                    std::move(fields),
+                    {},
+                    {}});
   return *this;
 }
 
 SchemaBuilder& SchemaBuilder::scalar(std::string name, std::string description,
                                      std::optional<std::string> specifiedBy) {
-  types_.push_back({TypeKind::scalar, std::move(name), std::move(description), {}, {}, {},
+  types_.push_back({TypeKind::scalar,
+                    std::move(name),
+                    std::move(description),
+                    {},
+                    {},
+                    {},
                     std::move(specifiedBy)});
   return *this;
 }
 
 SchemaBuilder& SchemaBuilder::enumeration(std::string name, std::string description,
                                           std::vector<EnumValueDefinition> values) {
-  types_.push_back({TypeKind::enumeration, std::move(name), std::move(description), {}, {},
-                    std::move(values), {}});
+  types_.push_back({TypeKind::enumeration,
+                    std::move(name),
+                    std::move(description),
+                    {},
+                    {},
+                    std::move(values),
+                    {}});
   return *this;
 }
 
@@ -453,8 +488,8 @@ std::string printSchema(const Schema& schema) {
   auto add = [&](const std::string& part) { out += (out.empty() ? "" : "\n\n") + part; };
   if (!schema.description.empty() || schema.queryType != "Query" ||
       (!schema.mutationType.empty() && schema.mutationType != "Mutation")) {
-    std::string definition = description(schema.description, "", true) + "schema {\n  query: " +
-                             schema.queryType + "\n";
+    std::string definition =
+        description(schema.description, "", true) + "schema {\n  query: " + schema.queryType + "\n";
     if (!schema.mutationType.empty()) definition += "  mutation: " + schema.mutationType + "\n";
     add(definition + "}");
   }

@@ -19,7 +19,16 @@ namespace sandbox::graphql {
 
 /// The eight kinds introspection tells apart; this service declares objects, input objects,
 /// scalars and enums.
-enum class TypeKind { scalar, object, interface, unionType, enumeration, inputObject, list, nonNull };
+enum class TypeKind {
+  scalar,
+  object,
+  interface,
+  unionType,
+  enumeration,
+  inputObject,
+  list,
+  nonNull
+};
 
 /// "SCALAR", "OBJECT", …: the name introspection gives a kind.
 std::string_view kindName(TypeKind kind);
@@ -109,8 +118,7 @@ class SchemaBuilder {
  public:
   SchemaBuilder& object(std::string name, std::string description,
                         std::vector<FieldDefinition> fields);
-  SchemaBuilder& input(std::string name, std::string description,
-                       std::vector<InputValue> fields);
+  SchemaBuilder& input(std::string name, std::string description, std::vector<InputValue> fields);
   SchemaBuilder& scalar(std::string name, std::string description,
                         std::optional<std::string> specifiedBy = {});
   SchemaBuilder& enumeration(std::string name, std::string description,

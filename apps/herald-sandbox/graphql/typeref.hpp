@@ -6,7 +6,9 @@
 
 namespace sandbox::graphql::typeref {
 
-inline bool isNonNull(std::string_view ref) { return !ref.empty() && ref.back() == '!'; }
+inline bool isNonNull(std::string_view ref) {
+  return !ref.empty() && ref.back() == '!';
+}
 
 /// Without its outer "!": "[Int]!" → "[Int]".
 inline std::string_view nullable(std::string_view ref) {

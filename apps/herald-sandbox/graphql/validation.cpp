@@ -35,7 +35,9 @@ namespace {
 
 using detail::Reporter;
 
-std::string quote(std::string_view text) { return "\"" + std::string(text) + "\""; }
+std::string quote(std::string_view text) {
+  return "\"" + std::string(text) + "\"";
+}
 
 /// A variable as a definition of an operation or fragment uses it.
 struct Usage {
@@ -281,9 +283,9 @@ class Validator {
   void field(const Selection& selection, const TypeDefinition* parent) {
     const FieldDefinition* definition = parent ? schema_.field(*parent, selection.name) : nullptr;
     if (parent && !definition)
-      report("Cannot query field " + quote(selection.name) + " on type " + quote(parent->name) +
-                 ".",
-             {selection.location});
+      report(
+          "Cannot query field " + quote(selection.name) + " on type " + quote(parent->name) + ".",
+          {selection.location});
     arguments(selection.arguments, definition ? &definition->arguments : nullptr,
               "field " + quote(parent && definition ? parent->name + "." + selection.name : ""),
               selection.location, [&](const InputValue& missing) {
@@ -328,8 +330,8 @@ class Validator {
         report("Unknown type " + quote(selection.typeCondition) + ".",
                {selection.typeConditionLocation});
       } else if (!type->isComposite()) {
-        report("Fragment cannot condition on non composite type " +
-                   quote(selection.typeCondition) + ".",
+        report("Fragment cannot condition on non composite type " + quote(selection.typeCondition) +
+                   ".",
                {selection.typeConditionLocation});
         type = nullptr;
       } else if (parent && type != parent) {
@@ -448,8 +450,8 @@ class Validator {
         for (const auto& field : v.fields) {
           const auto* definition = input->inputField(field.name);
           if (!definition && check)
-            report("Field " + quote(field.name) + " is not defined by type " +
-                       quote(input->name) + ".",
+            report("Field " + quote(field.name) + " is not defined by type " + quote(input->name) +
+                       ".",
                    {field.location});
           value(field.value, definition ? definition->type : "",
                 definition && definition->defaultValue, check);
@@ -495,11 +497,13 @@ class Validator {
         problem = "Boolean cannot represent a non boolean value: " + printValue(v);
     } else if (named->kind == TypeKind::enumeration) {
       if (v.kind != Kind::enumeration) {
-        problem = "Enum " + quote(name) + " cannot represent non-enum value: " + printValue(v) + ".";
+        problem =
+            "Enum " + quote(name) + " cannot represent non-enum value: " + printValue(v) + ".";
       } else {
         bool found = false;
         for (const auto& candidate : named->enumValues) found = found || candidate.name == v.text;
-        if (!found) problem = "Value " + quote(v.text) + " does not exist in " + quote(name) + " enum.";
+        if (!found)
+          problem = "Value " + quote(v.text) + " does not exist in " + quote(name) + " enum.";
       }
     }
     // Any other scalar (JSON) takes every literal.
@@ -523,8 +527,7 @@ class Validator {
         const auto definition = defined.find(usage.name);
         if (definition == defined.end()) {
           report("Variable " + quote("$" + usage.name) + " is not defined" +
-                     (operation.name.empty() ? "" : " by operation " + quote(operation.name)) +
-                     ".",
+                     (operation.name.empty() ? "" : " by operation " + quote(operation.name)) + ".",
                  {usage.location, operation.location});
           continue;
         }
