@@ -65,7 +65,7 @@ struct TypeDefinition {
   std::vector<FieldDefinition> fields;  ///< of an object
   std::vector<InputValue> inputFields;  ///< of an input object
   std::vector<EnumValueDefinition> enumValues;
-  std::optional<std::string> specifiedBy;  ///< a scalar's specification URL
+  std::optional<std::string> specifiedBy;  ///< a scalar's @specifiedBy URL
 
   const FieldDefinition* field(std::string_view name) const;
   const InputValue* inputField(std::string_view name) const;
