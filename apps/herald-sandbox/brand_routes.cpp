@@ -1,6 +1,6 @@
 // The API's GraphQL route, /client/q, as the service answers the brand query, and the
 // sandbox's route that sets a brand. The query is checked against the schema below before it
-// runs, as every GraphQL route here does (graphql_execution.hpp); an unknown brand is a field
+// runs, as every GraphQL route here does (graphql/request.hpp); an unknown brand is a field
 // error: "brand" is null and the error beside it names the id.
 
 #include <set>
@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "brands.hpp"
-#include "graphql_execution.hpp"
 #include "platform/json.hpp"
 #include "routes.hpp"
 
@@ -20,22 +19,10 @@ namespace json = boost::json;
 // The same path as the client's graphQLPath constant.
 constexpr const char* kGraphQLPath = "/client/q";
 
-const graphql::Schema& schema() {
-  static const graphql::Schema types{
-      {"Query", {{"brand", "Brand", {{"brandId", "String", true}}}}},
-      {"Brand", {{"brandId", "String", {}}, {"settings", "BrandSettings", {}}}},
-      {"BrandSettings", {{"colors", "BrandColors", {}}, {"inapp", "BrandInApp", {}}}},
-      {"BrandColors",
-       {{"primary", "String", {}}, {"secondary", "String", {}}, {"tertiary", "String", {}}}},
-      {"BrandInApp", {{"borderRadius", "String", {}}, {"disableHeraldFooter", "Boolean", {}}}},
-  };
-  return types;
-}
-
 class BrandExecution : public graphql::Execution {
  public:
   BrandExecution(const Brands& brands, const graphql::Call& call)
-      : Execution(schema(), call), brands_(brands) {}
+      : Execution(brandSchema(), call.document, call.operation, call.variables), brands_(brands) {}
 
  private:
   json::value resolve(const graphql::FieldGroup& group) override {
@@ -103,15 +90,21 @@ Response putBrand(Brands& brands, const Request& request) {
 
 }  // namespace
 
-void addBrandRoutes(Router& router, Accounts& accounts, Brands& brands) {
-  router.add("POST", kGraphQLPath, [&](const Request& request, std::string_view) {
-    return graphql::answer(accounts, request, [&](const graphql::Call& call) {
-      BrandExecution execution(brands, call);
-      return graphql::execute(execution);
-    });
+void addBrandRoutes(Router& router, Accounts& accounts, Brands& brands,
+                    const graphql::Limits& limits) {
+  router.add(
+      "POST", kGraphQLPath,
+      [&](const Request& request, std::string_view) {
+        return graphql::answer(accounts, brandSchema(), limits, request,
+                               [&](const graphql::Call& call) {
+                                 BrandExecution execution(brands, call);
+                                 return graphql::execute(execution, call.limits);
+                               });
+      },
+      Router::Runs::onWorker);
+  router.add("PUT", "/_sandbox/brands/*", [&brands](const Request& request, std::string_view) {
+    return putBrand(brands, request);
   });
-  router.add("PUT", "/_sandbox/brands/*",
-             [&brands](const Request& request, std::string_view) { return putBrand(brands, request); });
 }
 
 }  // namespace sandbox

@@ -11,12 +11,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "graphql_execution.hpp"
+#include "graphql/request.hpp"
 #include "inbox.hpp"
 #include "platform/json.hpp"
 #include "routes.hpp"
@@ -35,65 +37,11 @@ constexpr const char* kGraphQLPath = "/inbox/q";
 constexpr std::int64_t kDefaultLimit = 10;
 constexpr std::int64_t kMaxLimit = 100;
 
-// The schema: the fields of each output type with their arguments. Leaf types are the
-// scalars; "JSON" is any JSON value. List-valued fields are marked in the resolvers.
-const graphql::Schema& schema() {
-  static const auto types = [] {
-    graphql::Schema t;
-    const std::vector<graphql::ArgumentSpec> byId{{"messageId", "String", true}};
-    t["Query"] = {{"count", "Int", {{"params", "FilterParamsInput"}}},
-                  {"messages",
-                   "MessageConnection",
-                   {{"params", "FilterParamsInput"}, {"limit", "Int"}, {"after", "String"}}},
-                  {"message", "Message", byId}};
-    t["Mutation"] = {
-        {"clicked", "Boolean", {{"messageId", "String", true}, {"trackingId", "String"}}},
-        {"read", "Boolean", byId},
-        {"unread", "Boolean", byId},
-        {"opened", "Boolean", byId},
-        {"archive", "Boolean", byId},
-        {"markAllRead", "Boolean", {}}};
-    t["MessageConnection"] = {
-        {"totalCount", "Int", {}}, {"pageInfo", "PageInfo", {}}, {"nodes", "Message", {}}};
-    t["PageInfo"] = {{"startCursor", "String", {}}, {"hasNextPage", "Boolean", {}}};
-    t["Message"] = {{"messageId", "String", {}},
-                    {"title", "String", {}},
-                    {"body", "String", {}},
-                    {"preview", "String", {}},
-                    {"data", "JSON", {}},
-                    {"actions", "Action", {}},
-                    {"trackingIds", "TrackingIds", {}},
-                    {"created", "String", {}},
-                    {"read", "String", {}},
-                    {"opened", "String", {}},
-                    {"archived", "String", {}},
-                    {"content", "MessageContent", {}}};
-    t["MessageContent"] = {{"title", "String", {}},
-                           {"body", "String", {}},
-                           {"preview", "String", {}},
-                           {"actions", "Action", {}}};
-    t["Action"] = {{"content", "String", {}},
-                   {"href", "String", {}},
-                   {"background_color", "String", {}},
-                   {"style", "String", {}},
-                   {"data", "JSON", {}}};
-    t["TrackingIds"] = {{"archiveTrackingId", "String", {}}, {"openTrackingId", "String", {}},
-                        {"clickTrackingId", "String", {}},   {"deliverTrackingId", "String", {}},
-                        {"unreadTrackingId", "String", {}},  {"readTrackingId", "String", {}}};
-    return t;
-  }();
-  return types;
-}
-
-
-// The inputs' fields; every one may be null or left out.
-const std::map<std::string_view, std::string_view> kFilterFields{
-    {"accountId", "String"}, {"status", "String"}, {"archived", "Boolean"}};
-
 class InboxExecution : public graphql::Execution {
  public:
   InboxExecution(Inbox& inbox, const graphql::Call& call)
-      : Execution(schema(), call),
+      : Execution(inboxSchema(), call.document, call.operation, call.variables),
+        user_(call.user),
         inbox_(inbox),
         source_(call.request.header("x-herald-client-source-id")) {}
 
@@ -102,26 +50,16 @@ class InboxExecution : public graphql::Execution {
     return isMutation() ? mutate(group) : query(group);
   }
 
-  // The one input type besides the scalars.
-  std::optional<std::string> checkInputObject(const json::value& value,
-                                              std::string_view type) override {
-    if (type != "FilterParamsInput") return Execution::checkInputObject(value, type);
-    if (!value.is_object())
-      return "FilterParamsInput must be an input object, not " + platform::toJSON(value) + ".";
-    for (const auto& [key, field] : value.as_object()) {
-      const auto known = kFilterFields.find(std::string_view(key));
-      if (known == kFilterFields.end())
-        return "Field \"" + std::string(key) +
-               "\" is not defined by type \"FilterParamsInput\" (it has accountId, status, "
-               "archived).";
-      if (auto problem = checkInput(field, known->second))
-        return "In field \"" + std::string(key) + "\": " + *problem;
-      if (key == "status" && field.is_string() && field.as_string() != "read" &&
-          field.as_string() != "unread")
-        return "In field \"status\": it takes \"read\" or \"unread\", not " +
-               platform::toJSON(field) + ".";
-    }
-    return std::nullopt;
+  // What the schema cannot say: a status is "read" or "unread". A field error, since a
+  // GraphQL server would take any string there and the resolver refuse it.
+  static std::optional<std::string> statusProblem(const json::object& arguments) {
+    const auto* params = arguments.if_contains("params");
+    if (!params || !params->is_object()) return std::nullopt;
+    const auto* status = params->as_object().if_contains("status");
+    if (!status || !status->is_string() || status->as_string() == "read" ||
+        status->as_string() == "unread")
+      return std::nullopt;
+    return "params.status takes \"read\" or \"unread\", not " + platform::toJSON(*status) + ".";
   }
 
   struct Filter {
@@ -144,6 +82,8 @@ class InboxExecution : public graphql::Execution {
     return result;
   }
 
+  const std::string& user() const { return user_; }
+
   std::vector<InboxMessage> matching(const Filter& filter) const {
     std::vector<InboxMessage> result;
     for (auto& message : inbox_.messages(user())) {
@@ -158,6 +98,10 @@ class InboxExecution : public graphql::Execution {
   json::value query(const FieldGroup& group) {
     const auto arguments = args(group, "Query");
     const auto& name = group.field->name;
+    if (const auto problem = statusProblem(arguments)) {
+      fail(*problem, group.field->location, json::array{json::string(group.key)});
+      return nullptr;
+    }
     if (name == "count") return static_cast<std::int64_t>(matching(filter(arguments)).size());
     if (name == "message") {
       const std::string id(arguments.at("messageId").as_string());
@@ -346,15 +290,39 @@ class InboxExecution : public graphql::Execution {
     return true;
   }
 
-
+  std::string user_;
   Inbox& inbox_;
   std::optional<std::string> source_;  ///< "x-herald-client-source-id", told with each change
 };
 
-Response graphQL(Accounts& accounts, Inbox& inbox, const Request& request) {
-  return graphql::answer(accounts, request, [&](const graphql::Call& call) {
+// GraphQL runs on several workers at once. The inbox guards each change itself; a mutation
+// of several fields must also not interleave with another request's mutation of the same
+// inbox, so the mutations of one user take turns.
+class MutationTurns {
+ public:
+  std::unique_lock<std::mutex> take(const std::string& user) {
+    std::shared_ptr<std::mutex> turn;
+    {
+      std::lock_guard lock(mutex_);
+      auto& slot = turns_[user];
+      if (!slot) slot = std::make_shared<std::mutex>();
+      turn = slot;
+    }
+    return std::unique_lock(*turn);  // the map keeps the mutex for as long as the process
+  }
+
+ private:
+  std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<std::mutex>> turns_;
+};
+
+Response graphQL(Accounts& accounts, Inbox& inbox, const graphql::Limits& limits,
+                 MutationTurns& turns, const Request& request) {
+  return graphql::answer(accounts, inboxSchema(), limits, request, [&](const graphql::Call& call) {
+    std::unique_lock<std::mutex> turn;
+    if (call.operation.kind == graphql::Operation::Kind::mutation) turn = turns.take(call.user);
     InboxExecution execution(inbox, call);
-    return graphql::execute(execution);
+    return graphql::execute(execution, call.limits);
   });
 }
 
@@ -442,10 +410,15 @@ InboxMessage addInboxMessage(Inbox& inbox, InboxMessage message, const std::stri
   });
 }
 
-void addInboxRoutes(Router& router, Accounts& accounts, Inbox& inbox) {
-  router.add("POST", kGraphQLPath, [&](const Request& request, std::string_view) {
-    return graphQL(accounts, inbox, request);
-  });
+void addInboxRoutes(Router& router, Accounts& accounts, Inbox& inbox,
+                    const graphql::Limits& limits) {
+  static MutationTurns turns;
+  router.add(
+      "POST", kGraphQLPath,
+      [&](const Request& request, std::string_view) {
+        return graphQL(accounts, inbox, limits, turns, request);
+      },
+      Router::Runs::onWorker);
   router.add(
       "POST", "/_sandbox/users/*/messages",
       [&inbox](const Request& request, std::string_view) { return addMessage(inbox, request); });

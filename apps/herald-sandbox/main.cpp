@@ -278,6 +278,8 @@ struct Options {
   std::optional<std::filesystem::path> files;
   std::optional<std::string> jwtSecret;
   std::string clientKey = kDefaultClientKey;
+  std::optional<std::string> printSchema;
+  sandbox::graphql::Limits graphql;
 };
 
 }  // namespace
@@ -314,6 +316,37 @@ int main(int argc, char** argv) {
       ->type_name("FILE");
   app.add_flag("--verbose", options.server.verbose, "one line on standard error for every request")
       ->disable_flag_override();
+  app.add_option("--print-schema", options.printSchema,
+                 "print the GraphQL schema of /inbox/q (inbox) or /client/q (brand) as SDL\n"
+                 "and exit")
+      ->type_name("inbox|brand")
+      ->check(CLI::IsMember({"inbox", "brand"}));
+  auto& limits = options.graphql;
+  app.add_option("--graphql-max-bytes", limits.parse.bytes,
+                 "longest GraphQL document taken, in bytes (default 65536)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--graphql-max-tokens", limits.parse.tokens,
+                 "most tokens in a GraphQL document (default 15000)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--graphql-max-depth", limits.parse.depth,
+                 "deepest nesting of selections, lists, objects and list types (default 32)")
+      ->type_name("N")
+      ->check(CLI::Range(1, 256));
+  app.add_option("--graphql-max-cost", limits.execution.cost,
+                 "most values one GraphQL answer may hold, fields times the page sizes\n"
+                 "above them, weighed before anything runs (default 50000)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--graphql-max-answer", limits.execution.answerBytes,
+                 "longest GraphQL answer, in bytes (default 8388608)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--graphql-merge-work", limits.validation.mergeWork,
+                 "most field comparisons when checking that fields merge (default 500000)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -327,6 +360,13 @@ int main(int argc, char** argv) {
   if (options.server.tlsCertificate.has_value() != options.server.tlsKey.has_value()) {
     std::cerr << kName << ": --tls-cert and --tls-key go together\n";
     return 2;
+  }
+
+  if (options.printSchema) {
+    std::cout << sandbox::graphql::printSchema(*options.printSchema == "inbox"
+                                                   ? sandbox::inboxSchema()
+                                                   : sandbox::brandSchema());
+    return 0;
   }
 
   try {
@@ -348,8 +388,8 @@ int main(int argc, char** argv) {
     sandbox::addUserRoutes(router, accounts);
     sandbox::addFileRoutes(router, options.files);
     sandbox::addOutboxRoutes(router, accounts, outbox, inbox);
-    sandbox::addInboxRoutes(router, accounts, inbox);
-    sandbox::addBrandRoutes(router, accounts, brands);
+    sandbox::addInboxRoutes(router, accounts, inbox, options.graphql);
+    sandbox::addBrandRoutes(router, accounts, brands, options.graphql);
     sandbox::addPreferenceRoutes(router, accounts, preferences);
     sandbox::addSandboxRoutes(router, journal, troubleRules);
     sandbox::addRealtimeRoutes(router, realtime);

@@ -26,7 +26,20 @@ bool matches(std::string_view pattern, std::string_view path, std::string_view& 
 }  // namespace
 
 void Router::add(std::string method, std::string pattern, Handler handler) {
-  routes_.push_back(Route{std::move(method), std::move(pattern), std::move(handler)});
+  add(std::move(method), std::move(pattern), std::move(handler), Runs::onIOThread);
+}
+
+void Router::add(std::string method, std::string pattern, Handler handler, Runs runs) {
+  routes_.push_back(Route{std::move(method), std::move(pattern), std::move(handler), runs});
+}
+
+bool Router::runsOnWorker(const Request& request) const {
+  for (const auto& route : routes_) {
+    std::string_view rest;
+    if (route.method == request.method && matches(route.pattern, request.path, rest))
+      return route.runs == Runs::onWorker;
+  }
+  return false;
 }
 
 Response Router::handle(const Request& request) const {

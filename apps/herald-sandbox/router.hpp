@@ -23,6 +23,14 @@ class Router {
   ///   router.add("POST", "/track/*", [](const Request& r, std::string_view id) { ... });
   void add(std::string method, std::string pattern, Handler handler);
 
+  /// Where a route runs: on the I/O thread, or on the server's workers for a route whose
+  /// work depends on what the request asks (GraphQL), so that it makes no other wait. A
+  /// worker's handler touches only state that guards itself.
+  enum class Runs { onIOThread, onWorker };
+  void add(std::string method, std::string pattern, Handler handler, Runs runs);
+  /// Whether the route that `request` goes to runs on a worker.
+  bool runsOnWorker(const Request& request) const;
+
   /// The answer of the first matching route; 404 when no path matches, 405 when the path
   /// matches but not the method. A handler's exception becomes a 500 that carries its text.
   Response handle(const Request& request) const;
@@ -32,6 +40,7 @@ class Router {
     std::string method;
     std::string pattern;
     Handler handler;
+    Runs runs = Runs::onIOThread;
   };
   std::vector<Route> routes_;
 };

@@ -7,6 +7,8 @@
 
 #include "accounts.hpp"
 #include "brands.hpp"
+#include "graphql/request.hpp"
+#include "graphql/schemas.hpp"
 #include "inbox.hpp"
 #include "journal.hpp"
 #include "outbox.hpp"
@@ -35,7 +37,8 @@ void addOutboxRoutes(Router& router, Accounts& accounts, Outbox& outbox, Inbox& 
 /// (clicked, read, unread, opened, archive, markAllRead) on the user of "x-herald-user-id",
 /// with that user's access token or the account's client key. POST
 /// /_sandbox/users/<id>/messages puts a message into the user's inbox.
-void addInboxRoutes(Router& router, Accounts& accounts, Inbox& inbox);
+void addInboxRoutes(Router& router, Accounts& accounts, Inbox& inbox,
+                    const graphql::Limits& limits);
 
 /// Keeps `message` in `inbox` with tracking ids that are URLs of this service's /track/ route
 /// under `trackingBase` ("http://127.0.0.1:PORT/track/").
@@ -48,7 +51,8 @@ std::string trackingBase(const Request& request);
 /// POST /client/q: the API's GraphQL query brand(brandId) with the fields asked for, on
 /// behalf of "x-herald-user-id" (access token or client key); PUT /_sandbox/brands/<id>
 /// ({"settings": {"colors", "inapp"}}) sets a brand.
-void addBrandRoutes(Router& router, Accounts& accounts, Brands& brands);
+void addBrandRoutes(Router& router, Accounts& accounts, Brands& brands,
+                    const graphql::Limits& limits);
 
 /// GET /users/<id>/preferences[?cursor=…] (a page of topics with the user's choices), GET and
 /// PUT /users/<id>/preferences/<topic>, with the user's access token; PUT /_sandbox/topics

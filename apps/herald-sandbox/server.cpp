@@ -7,6 +7,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/write.hpp>
@@ -18,6 +19,7 @@
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -45,6 +47,10 @@ constexpr std::size_t kMaxRequestBody = 64u * 1024 * 1024;
 // On SIGINT or SIGTERM the realtime sessions have this long to finish once their sockets are
 // closed; it takes a few turns of the loop, so the limit is only for a loop gone wrong.
 constexpr auto kShutdownLimit = std::chrono::seconds(5);
+// Routes that run on workers (GraphQL): two threads, and at most this many requests queued
+// for them before the next is turned away with 503 and Retry-After.
+constexpr std::size_t kWorkers = 2;
+constexpr std::size_t kMaxWorkerJobs = 32;
 
 bool bodyless(int status) {
   return status < 200 || status == 204 || status == 304;
@@ -111,6 +117,8 @@ struct Server::Impl {
   // the URL is read must find the handler in place (asio keeps it until run() waits).
   net::signal_set signals{io, SIGINT, SIGTERM};
   std::optional<ssl::context> tls;
+  net::thread_pool workers{kWorkers};
+  std::atomic<std::size_t> workerJobs{0};
 
   Impl(const Router& r, Journal& j, ServerOptions o) : router(r), journal(j), options(o) {
     if (options.tlsCertificate.has_value() != options.tlsKey.has_value())
@@ -121,7 +129,27 @@ struct Server::Impl {
   // Before `io` goes (members go after this body): the hub holds its sessions, whose streams
   // must be gone before the services of `io` are.
   ~Impl() {
+    workers.join();
     if (options.realtime) options.realtime->forgetAll();
+  }
+
+  // The route's answer, from a worker when the route runs on one; the connection resumes on
+  // the I/O thread with it.
+  net::awaitable<Response> handle(const Request& request) {
+    if (!router.runsOnWorker(request)) co_return router.handle(request);
+    if (workerJobs.fetch_add(1) >= kMaxWorkerJobs) {
+      --workerJobs;
+      auto busy = Response::error(503, "the sandbox has " + std::to_string(kMaxWorkerJobs) +
+                                           " GraphQL requests waiting already; try again",
+                                  "api_error");
+      busy.headers.emplace_back("Retry-After", "1");
+      co_return busy;
+    }
+    auto response = co_await net::co_spawn(
+        workers, [&]() -> net::awaitable<Response> { co_return router.handle(request); },
+        net::use_awaitable);
+    --workerJobs;
+    co_return response;
   }
 
   // After the loop stopped: no new connection, and every realtime session ended and let
@@ -260,7 +288,7 @@ struct Server::Impl {
         if (options.troubleRules) trouble = options.troubleRules->apply(request, trouble);
         co_await pause(trouble.delay);
         if (head) request.method = "GET";
-        response = router.handle(request);
+        response = co_await handle(request);
         if (trouble.status) response.status = *trouble.status;
         if (options.verbose)
           std::cerr << "herald-sandbox: " << message.method_string() << " " << message.target()

@@ -1,5 +1,5 @@
 #pragma once
-// GraphQL executable documents as plain values. The grammar itself lives in graphql.cpp only,
+// GraphQL executable documents as plain values. The grammar itself lives in parser.cpp only,
 // since the parsing library is heavy to compile; everything else sees these structs.
 
 #include <cstddef>
@@ -27,8 +27,9 @@ struct Value {
   /// number as written ("-12", "1.5e3").
   std::string text;
   bool boolean = false;
-  std::vector<Value> items;                           ///< a list's items
+  std::vector<Value> items;         ///< a list's items
   std::vector<ObjectField> fields;  ///< an object's fields, in order
+  bool block = false;               ///< a string written as """block"""
   Location location;
 };
 
@@ -36,6 +37,7 @@ struct Value {
 struct ObjectField {
   std::string name;
   Value value;
+  Location location;
 };
 
 struct Argument {
@@ -61,18 +63,22 @@ struct Selection {
   std::vector<Directive> directives;
   std::vector<Selection> selections;
   Location location;
+  Location nameLocation;           ///< a field's or a spread fragment's name
+  Location typeConditionLocation;  ///< an inline fragment's type name
+  Location selectionsLocation;     ///< the "{" of its selection set, when it has one
 
   /// The key of the field in the answer: its alias, or else its name.
   const std::string& responseKey() const { return alias.empty() ? name : alias; }
 };
 
 struct VariableDefinition {
-  std::string name;       ///< without "$"
-  std::string type;       ///< as written, without blanks: "Int", "[String!]!"
-  std::string namedType;  ///< the innermost type name: "String" for "[String!]!"
-  bool nonNull = false;   ///< the outermost type ends with "!"
+  std::string name;  ///< without "$"
+  std::string type;  ///< as written, without blanks: "Int", "[String!]!"
   std::optional<Value> defaultValue;
-  Location location;
+  std::vector<Directive> directives;
+  Location location;           ///< of the "$"
+  Location typeLocation;       ///< of the type
+  Location namedTypeLocation;  ///< of the name inside the type's brackets
 };
 
 struct Operation {
@@ -83,6 +89,7 @@ struct Operation {
   std::vector<Directive> directives;
   std::vector<Selection> selections;
   Location location;
+  Location nameLocation;
 };
 
 struct Fragment {
@@ -91,12 +98,17 @@ struct Fragment {
   std::vector<Directive> directives;
   std::vector<Selection> selections;
   Location location;
+  Location nameLocation;
+  Location typeConditionLocation;
 };
 
 struct Document {
   std::vector<Operation> operations;
   std::vector<Fragment> fragments;
 };
+
+/// GraphQL text of a value, as the reference implementation prints it: "{a: [1, \"x\"]}".
+std::string printValue(const Value& value);
 
 /// A document that is not GraphQL, or one larger or deeper than the parser takes.
 class SyntaxError : public std::runtime_error {
@@ -106,17 +118,19 @@ class SyntaxError : public std::runtime_error {
   Location location;
 };
 
-/// Longest document taken, in bytes.
-inline constexpr std::size_t kMaxDocumentSize = 64 * 1024;
-/// Deepest nesting of selection sets, lists and input objects taken: deeper documents are
-/// refused before they can exhaust the stack.
-inline constexpr int kMaxDepth = 32;
+/// What the parser takes. Every rule of the grammar that can nest (selection sets, list and
+/// object values, list types) counts against the one depth, so no document can exhaust the
+/// stack however it nests, and every later pass may recurse over the tree.
+struct ParseLimits {
+  std::size_t bytes = 64 * 1024;
+  std::size_t tokens = 15000;
+  int depth = 32;
+};
 
 /// Parses an executable document (operations and fragments). Throws SyntaxError with the
-/// place of the first token that does not fit, a document over kMaxDocumentSize, or one
-/// nested deeper than kMaxDepth.
+/// place of the first token that does not fit, or naming the limit a document goes over.
 ///
 ///   auto document = graphql::parse("query { count(params: {archived: true}) }");
-Document parse(std::string_view text);
+Document parse(std::string_view text, const ParseLimits& limits = {});
 
 }  // namespace sandbox::graphql

@@ -1,5 +1,3 @@
-#include "graphql.hpp"
-
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -7,6 +5,8 @@
 #include <memory>
 #include <tao/pegtl.hpp>
 #include <tao/pegtl/contrib/parse_tree.hpp>
+
+#include "document.hpp"
 
 namespace sandbox::graphql {
 namespace {
@@ -126,23 +126,30 @@ using selected = pegtl::parse_tree::selector<
 
 }  // namespace grammar
 
-struct TooDeep {
+struct OverLimit {
   const char* where;
+  bool depth;  ///< else tokens
 };
 
 struct ParseState {
+  const ParseLimits& limits;
   const char* farthest = nullptr;
   int depth = 0;
+  std::size_t tokens = 0;
 };
 
 template <typename Rule>
 struct Control : pegtl::normal<Rule> {};
 
+// Every token ends where the blanks after it begin, so a new farthest end of blanks is one
+// more token; backtracking over tokens already counted does not count them again.
 template <>
 struct Control<grammar::ign> : pegtl::normal<grammar::ign> {
   template <typename Input>
   static void success(const Input& in, ParseState& state) {
-    state.farthest = std::max(state.farthest, in.current());
+    if (in.current() <= state.farthest) return;
+    state.farthest = in.current();
+    if (++state.tokens > state.limits.tokens) throw OverLimit{in.current(), false};
   }
 };
 
@@ -151,7 +158,7 @@ template <typename Rule>
 struct NestingControl : pegtl::normal<Rule> {
   template <typename Input>
   static void start(const Input& in, ParseState& state) {
-    if (++state.depth > kMaxDepth) throw TooDeep{in.current()};
+    if (++state.depth > state.limits.depth) throw OverLimit{in.current(), true};
   }
   template <typename Input>
   static void success(const Input&, ParseState& state) {
@@ -168,6 +175,8 @@ template <>
 struct Control<grammar::list_value> : NestingControl<grammar::list_value> {};
 template <>
 struct Control<grammar::object_value> : NestingControl<grammar::object_value> {};
+template <>
+struct Control<grammar::list_type> : NestingControl<grammar::list_type> {};
 
 Location locate(std::string_view text, std::size_t offset) {
   Location location{1, 1};
@@ -190,6 +199,61 @@ bool startsWith(std::string_view rest) {
 }
 
 // What stands where the document stops being GraphQL, in the words a reader looks for.
+// Where inside a misfit token the fault is, as a lexer finds it: the digit after a leading
+// zero, the character where a number stops being one, the end of a string's line.
+std::size_t faultInside(std::string_view rest) {
+  auto digit = [&](std::size_t i) {
+    return i < rest.size() && std::isdigit(static_cast<unsigned char>(rest[i]));
+  };
+  if (rest.front() == '"') {
+    if (rest.starts_with("\"\"\"")) return rest.size();  // unterminated: at the end
+    for (std::size_t i = 1; i < rest.size(); ++i) {
+      const auto c = static_cast<unsigned char>(rest[i]);
+      if (c == '"') return 0;
+      if (c == '\\') {
+        const char next = i + 1 < rest.size() ? rest[i + 1] : '\0';
+        if (std::string_view("\"\\/bfnrt").find(next) != std::string_view::npos && next) {
+          ++i;
+          continue;
+        }
+        if (next == 'u' && i + 5 < rest.size() &&
+            std::all_of(rest.begin() + static_cast<std::ptrdiff_t>(i) + 2,
+                        rest.begin() + static_cast<std::ptrdiff_t>(i) + 6,
+                        [](char h) { return std::isxdigit(static_cast<unsigned char>(h)); })) {
+          i += 5;
+          continue;
+        }
+        return i;
+      }
+      if (c == '\n' || c == '\r' || (c < 0x20 && c != '\t')) return i;
+    }
+    return rest.size();
+  }
+  std::size_t i = rest.front() == '-' ? 1 : 0;
+  if (!digit(i)) return i;
+  if (rest[i] == '0') {
+    ++i;
+    if (digit(i)) return i;
+  } else {
+    while (digit(i)) ++i;
+  }
+  if (i < rest.size() && rest[i] == '.') {
+    if (!digit(++i)) return i;
+    while (digit(i)) ++i;
+  }
+  if (i < rest.size() && (rest[i] == 'e' || rest[i] == 'E')) {
+    ++i;
+    if (i < rest.size() && (rest[i] == '+' || rest[i] == '-')) ++i;
+    if (!digit(i)) return i;
+    while (digit(i)) ++i;
+  }
+  // A whole number followed by what cannot follow one is faulty there; else the number is
+  // fine and merely misplaced.
+  const bool runOn = i < rest.size() && (rest[i] == '.' || rest[i] == '_' ||
+                                         std::isalnum(static_cast<unsigned char>(rest[i])));
+  return runOn ? i : 0;
+}
+
 std::string describeMisfit(std::string_view rest) {
   using namespace grammar;
   if (rest.empty()) return "Syntax Error: Unexpected end of document.";
@@ -250,6 +314,7 @@ class Builder {
                                            : Operation::Kind::subscription;
       } else if (child->is_type<grammar::operation_name>()) {
         result.name = child->string();
+        result.nameLocation = at(*child);
       } else if (child->is_type<grammar::variable_definition>()) {
         result.variables.push_back(variableDefinition(*child));
       } else if (child->is_type<grammar::directive>()) {
@@ -265,14 +330,17 @@ class Builder {
     Fragment result;
     result.location = at(node);
     for (const auto& child : node.children) {
-      if (child->is_type<grammar::fragment_name>())
+      if (child->is_type<grammar::fragment_name>()) {
         result.name = child->string();
-      else if (child->is_type<grammar::type_condition>())
+        result.nameLocation = at(*child);
+      } else if (child->is_type<grammar::type_condition>()) {
         result.typeCondition = child->children.front()->string();
-      else if (child->is_type<grammar::directive>())
+        result.typeConditionLocation = at(*child->children.front());
+      } else if (child->is_type<grammar::directive>()) {
         result.directives.push_back(directive(*child));
-      else if (child->is_type<grammar::selection_set>())
+      } else if (child->is_type<grammar::selection_set>()) {
         result.selections = selections(*child);
+      }
     }
     return result;
   }
@@ -285,8 +353,12 @@ class Builder {
         result.name = child->string().substr(1);
       } else if (child->is_type<grammar::type_ref>()) {
         result.type = typeText(*child);
-        result.namedType = innermostName(*child);
-        result.nonNull = child->children.size() > 1;
+        result.typeLocation = at(*child);
+        const Node* inner = child.get();
+        while (!inner->is_type<grammar::named_type>()) inner = inner->children.front().get();
+        result.namedTypeLocation = at(*inner);
+      } else if (child->is_type<grammar::directive>()) {
+        result.directives.push_back(directive(*child));
       } else if (child->is_type<grammar::default_value>()) {
         result.defaultValue = value(*child->children.front());
         if (holdsVariable(*result.defaultValue))
@@ -306,17 +378,12 @@ class Builder {
     return node.is_type<grammar::list_type>() ? "[" + text + "]" : text;
   }
 
-  static std::string innermostName(const Node& node) {
-    if (node.is_type<grammar::named_type>()) return node.string();
-    return innermostName(*node.children.front());
-  }
-
   static bool holdsVariable(const Value& value) {
     if (value.kind == Value::Kind::variable) return true;
     for (const auto& item : value.items)
       if (holdsVariable(item)) return true;
-    for (const auto& [name, field] : value.fields)
-      if (holdsVariable(field)) return true;
+    for (const auto& field : value.fields)
+      if (holdsVariable(field.value)) return true;
     return false;
   }
 
@@ -348,18 +415,23 @@ class Builder {
     if (node.is_type<grammar::fragment_spread>()) result.kind = Selection::Kind::fragmentSpread;
     if (node.is_type<grammar::inline_fragment>()) result.kind = Selection::Kind::inlineFragment;
     for (const auto& child : node.children) {
-      if (child->is_type<grammar::alias_name>())
+      if (child->is_type<grammar::alias_name>()) {
         result.alias = child->string();
-      else if (child->is_type<grammar::field_name>() || child->is_type<grammar::fragment_name>())
+      } else if (child->is_type<grammar::field_name>() ||
+                 child->is_type<grammar::fragment_name>()) {
         result.name = child->string();
-      else if (child->is_type<grammar::type_condition>())
+        result.nameLocation = at(*child);
+      } else if (child->is_type<grammar::type_condition>()) {
         result.typeCondition = child->children.front()->string();
-      else if (child->is_type<grammar::argument>())
+        result.typeConditionLocation = at(*child->children.front());
+      } else if (child->is_type<grammar::argument>()) {
         result.arguments.push_back(argument(*child));
-      else if (child->is_type<grammar::directive>())
+      } else if (child->is_type<grammar::directive>()) {
         result.directives.push_back(directive(*child));
-      else if (child->is_type<grammar::selection_set>())
+      } else if (child->is_type<grammar::selection_set>()) {
         result.selections = selections(*child);
+        result.selectionsLocation = at(*child);
+      }
     }
     return result;
   }
@@ -379,6 +451,7 @@ class Builder {
     } else if (node.is_type<grammar::block_string>()) {
       result.kind = Value::Kind::string;
       result.text = blockStringValue(node.string_view());
+      result.block = true;
     } else if (node.is_type<grammar::boolean_value>()) {
       result.kind = Value::Kind::boolean;
       result.boolean = node.string_view() == "true";
@@ -396,8 +469,8 @@ class Builder {
     } else {
       result.kind = Value::Kind::object;
       for (const auto& child : node.children)
-        result.fields.push_back(
-            ObjectField{child->children.at(0)->string(), value(*child->children.at(1))});
+        result.fields.push_back(ObjectField{child->children.at(0)->string(),
+                                            value(*child->children.at(1)), at(*child)});
     }
     return result;
   }
@@ -519,27 +592,95 @@ class Builder {
 
 }  // namespace
 
-Document parse(std::string_view text) {
-  if (text.size() > kMaxDocumentSize)
-    throw SyntaxError("the document is " + std::to_string(text.size()) + " bytes long; at most " +
-                          std::to_string(kMaxDocumentSize) + " are taken",
+std::string printValue(const Value& value) {
+  using Kind = Value::Kind;
+  switch (value.kind) {
+    case Kind::null:
+      return "null";
+    case Kind::boolean:
+      return value.boolean ? "true" : "false";
+    case Kind::variable:
+      return "$" + value.text;
+    case Kind::integer:
+    case Kind::floating:
+    case Kind::enumeration:
+      return value.text;
+    case Kind::string: {
+      if (value.block) return "\"\"\"" + value.text + "\"\"\"";
+      std::string out = "\"";
+      for (const char c : value.text) {
+        const auto u = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+          out += '\\';
+          out += c;
+        } else if (c == '\n') {
+          out += "\\n";
+        } else if (c == '\t') {
+          out += "\\t";
+        } else if (c == '\r') {
+          out += "\\r";
+        } else if (c == '\b') {
+          out += "\\b";
+        } else if (c == '\f') {
+          out += "\\f";
+        } else if (u < 0x20 || u == 0x7f) {
+          char code[8];
+          std::snprintf(code, sizeof code, "\\u%04X", u);
+          out += code;
+        } else {
+          out += c;
+        }
+      }
+      return out + "\"";
+    }
+    case Kind::list: {
+      std::string out = "[";
+      for (std::size_t i = 0; i < value.items.size(); ++i)
+        out += (i ? ", " : "") + printValue(value.items[i]);
+      return out + "]";
+    }
+    case Kind::object: {
+      std::string out = "{";
+      for (std::size_t i = 0; i < value.fields.size(); ++i)
+        out += (i ? ", " : "") + value.fields[i].name + ": " + printValue(value.fields[i].value);
+      return out + "}";
+    }
+  }
+  return "null";
+}
+
+Document parse(std::string_view text, const ParseLimits& limits) {
+  if (text.size() > limits.bytes)
+    throw SyntaxError("The document is " + std::to_string(text.size()) +
+                          " bytes long; this service takes at most " +
+                          std::to_string(limits.bytes) + " (its document size limit).",
                       Location{1, 1});
   pegtl::memory_input in(text.data(), text.size(), "query");
-  ParseState state{text.data(), 0};
+  ParseState state{limits, text.data()};
   std::unique_ptr<Node> root;
   try {
     root = pegtl::parse_tree::parse<grammar::document, grammar::selected, pegtl::nothing, Control>(
         in, state);
-  } catch (const TooDeep& deep) {
-    throw SyntaxError(
-        "Syntax Error: the document nests selections, lists or objects deeper "
-        "than " +
-            std::to_string(kMaxDepth) + " levels.",
-        locate(text, static_cast<std::size_t>(deep.where - text.data())));
+  } catch (const OverLimit& over) {
+    const auto where = locate(text, static_cast<std::size_t>(over.where - text.data()));
+    if (over.depth)
+      throw SyntaxError(
+          "Syntax Error: the document nests selections, lists, objects or list types deeper "
+          "than " +
+              std::to_string(limits.depth) + " levels (this service's depth limit).",
+          where);
+    throw SyntaxError("Syntax Error: the document holds more than " +
+                          std::to_string(limits.tokens) + " tokens (this service's token limit).",
+                      where);
   }
   if (!root) {
     const auto offset = static_cast<std::size_t>(state.farthest - text.data());
-    throw SyntaxError(describeMisfit(text.substr(offset)), locate(text, offset));
+    const auto rest = text.substr(offset);
+    const auto c = rest.empty() ? '\0' : rest.front();
+    const auto inside = (c == '"' || c == '-' || std::isdigit(static_cast<unsigned char>(c)))
+                            ? faultInside(rest)
+                            : 0;
+    throw SyntaxError(describeMisfit(rest), locate(text, offset + inside));
   }
   return Builder().document(*root);
 }
