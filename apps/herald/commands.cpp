@@ -1,5 +1,7 @@
 #include "commands.hpp"
 
+#include <unistd.h>
+
 #include <functional>
 
 #include "herald/endpoints.hpp"
@@ -252,6 +254,19 @@ int getToken(const std::string& providerKey, Context& context) {
   context.report.result(token ? *token : "no token for " + providerKey,
                         {{"provider", providerKey}, {"token", optionalJSON(token)}});
   return ExitStatus::success;
+}
+
+EndOnSignal::EndOnSignal() {
+  struct sigaction end {};
+  end.sa_handler = [](int) { ::_exit(ExitStatus::success); };
+  sigemptyset(&end.sa_mask);
+  ::sigaction(SIGINT, &end, &interrupt_);
+  ::sigaction(SIGTERM, &end, &terminate_);
+}
+
+EndOnSignal::~EndOnSignal() {
+  ::sigaction(SIGINT, &interrupt_, nullptr);
+  ::sigaction(SIGTERM, &terminate_, nullptr);
 }
 
 }  // namespace cli
