@@ -256,17 +256,28 @@ int getToken(const std::string& providerKey, Context& context) {
   return ExitStatus::success;
 }
 
+namespace {
+void endNow(int) { ::_exit(ExitStatus::success); }
+
+// Puts `saved` back unless the command's own loop has taken the signal over meanwhile.
+void restore(int signal, const struct sigaction& saved) {
+  struct sigaction current {};
+  ::sigaction(signal, nullptr, &current);
+  if (current.sa_handler == endNow) ::sigaction(signal, &saved, nullptr);
+}
+}  // namespace
+
 EndOnSignal::EndOnSignal() {
   struct sigaction end {};
-  end.sa_handler = [](int) { ::_exit(ExitStatus::success); };
+  end.sa_handler = endNow;
   sigemptyset(&end.sa_mask);
   ::sigaction(SIGINT, &end, &interrupt_);
   ::sigaction(SIGTERM, &end, &terminate_);
 }
 
 EndOnSignal::~EndOnSignal() {
-  ::sigaction(SIGINT, &interrupt_, nullptr);
-  ::sigaction(SIGTERM, &terminate_, nullptr);
+  restore(SIGINT, interrupt_);
+  restore(SIGTERM, terminate_);
 }
 
 }  // namespace cli

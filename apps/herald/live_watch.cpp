@@ -239,15 +239,15 @@ int watchLiveInbox(const WatchRequest&, Context& context) {
   auto& herald = herald::Herald::shared();
   auto& main = platform::MainQueue::shared();
 
+  // Adding the listener loads the inbox and connects its socket; what that gives is posted
+  // to the main queue, which runs below.
+  const auto listener = platform::blockOn(herald.addInboxListener(printingCallbacks()));
+  // The main queue's loop takes the signals over from here.
   boost::asio::signal_set signals(main.executor(), SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& error, int) {
     if (error) return;
     main.stop();
   });
-
-  // Adding the listener loads the inbox and connects its socket; what that gives is posted
-  // to the main queue, which runs below.
-  const auto listener = platform::blockOn(herald.addInboxListener(printingCallbacks()));
   endOnSignal.reset();
   if (!context.report.json())
     writeLine(stderr, "herald: watching the inbox of " + session.client->options.userId +

@@ -99,17 +99,6 @@ int watchRawInbox(const WatchRequest& request, Context& context) {
     });
   };
 
-  boost::asio::signal_set signals(platform::MainQueue::shared().executor(), SIGINT, SIGTERM);
-  std::shared_ptr<platform::WebSocketTask> closing;
-  signals.async_wait([&](const boost::system::error_code& error, int) {
-    if (error) return;
-    // Our own close: its handshake's event must not count as the service's.
-    socket->onClose = nullptr;
-    closing = socket->webSocketTask();
-    socket->disconnect();
-    ending->end(ExitStatus::success, [&] { note("closed (code 1000)"); });
-  });
-
   // A stream that ends without a closing handshake has no close event of its own.
   socket->onEnd = [ending, &report] {
     ending->end(ExitStatus::unreachable, [&] {
@@ -122,6 +111,17 @@ int watchRawInbox(const WatchRequest& request, Context& context) {
   platform::blockOn(socket->connect());
   platform::blockOn(socket->sendSubscribe(5));
   socket->keepAlive(request.keepAlive);
+  // The main queue's loop takes the signals over from here.
+  boost::asio::signal_set signals(platform::MainQueue::shared().executor(), SIGINT, SIGTERM);
+  std::shared_ptr<platform::WebSocketTask> closing;
+  signals.async_wait([&](const boost::system::error_code& error, int) {
+    if (error) return;
+    // Our own close: its handshake's event must not count as the service's.
+    socket->onClose = nullptr;
+    closing = socket->webSocketTask();
+    socket->disconnect();
+    ending->end(ExitStatus::success, [&] { note("closed (code 1000)"); });
+  });
   endOnSignal.reset();
 
   platform::MainQueue::shared().run();

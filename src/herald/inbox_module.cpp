@@ -550,16 +550,20 @@ void InboxModule::applyFrame(SocketFrame frame) {
       return;  // a click elsewhere changes nothing here
   }
   if (event.event != InboxEventType::markAllRead && !event.messageId) return;
+  // Counted like any detached work from before the listeners hear of the change, so that a
+  // host that saw the change and waits until nothing runs also sees the echo out.
+  platform::detail::taskStarted();
   auto undo = changeHere(event.event, event.messageId);
   // An event that changed nothing here is not sent back: two live devices would echo each
   // other for ever.
-  if (undo.empty()) return;
+  if (undo.empty()) {
+    platform::detail::taskFinished(nullptr);
+    return;
+  }
   auto pending = std::make_shared<Pending>(actor_.strand(), event.event, event.messageId,
                                            std::nullopt);
   pending->undo = std::move(undo);
   outbox_.push_back(pending);
-  // Counted like any detached work, so that a host can wait until the echo is out.
-  platform::detail::taskStarted();
   boost::asio::co_spawn(actor_.strand(), sendInOrder(pending), [](std::exception_ptr) {
     // Refused: already undone here; the service knows its own state.
     platform::detail::taskFinished(nullptr);
