@@ -713,4 +713,23 @@ TEST_F(InboxModuleTest, AServiceKilledAndStartedAgainOnTheSamePortIsReconnectedT
   EXPECT_EQ(held(), (std::map<std::string, int>{{id, 1}}));
 }
 
+TEST_F(InboxModuleTest, AChangeInFlightSurvivesARestartAndItsRefusalIsUndoneThere) {
+  const auto m1 = addMessage("ada", "one");
+  signIn("ada");
+  Heard heard;
+  ASSERT_TRUE(loaded(heard));
+  trouble({{"contains", "archive(messageId"}, {"delay", 1.0}, {"status", 500}});
+  auto archiving = platform::spawnFuture(herald_->archiveMessage(m1));
+  ASSERT_TRUE(heard.waitFor(8));
+  // The reload still has it in the feed on the service: the change is made on it again.
+  platform::blockOn(herald_->refreshInbox());
+  EXPECT_TRUE(platform::blockOn(herald_->feedMessages()).empty());
+  EXPECT_EQ(ids(platform::blockOn(herald_->archivedMessages())), (Lines{m1 + "{ra}"}));
+  ASSERT_EQ(archiving.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_THROW(archiving.get(), herald::HeraldError);
+  EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())), (Lines{m1 + "{}"}));
+  EXPECT_TRUE(platform::blockOn(herald_->archivedMessages()).empty());
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->snapshot())->unreadCount, 1);
+}
+
 }  // namespace
