@@ -183,9 +183,12 @@ if(NOT TARGET unit_tests)
   add_custom_target(unit_tests)
 endif()
 function(herald_test name)
-  cmake_parse_arguments(ARG "" "LABEL;BIN_DIR" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;BIN_DIR;TIMEOUT" "SOURCES;DEPS" ${ARGN})
   if(NOT ARG_BIN_DIR)
     set(ARG_BIN_DIR ${CMAKE_BINARY_DIR}/bin)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests ${CMAKE_SOURCE_DIR}/src)
@@ -193,7 +196,7 @@ function(herald_test name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT 120
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT}
                # One value per property: discovered tests lose the escaping of a list.
                ENVIRONMENT "HERALD_BIN_DIR=${ARG_BIN_DIR}"
                ENVIRONMENT_MODIFICATION "HERALD_SOURCE_DIR=set:${CMAKE_SOURCE_DIR}")

@@ -135,7 +135,8 @@ constexpr const char* kFooter = R"(Endpoints:
                                   request's "x-herald-client-source-id"
   POST   /_sandbox/realtime/<id>  trouble for the user's subscribed connections, one of
                                   {"close": {"code": 4000, "reason": "..."}}, {"reset": true}
-                                  (TCP reset), {"text": "..."}, {"frame": JSON}, {"binary":
+                                  (TCP reset), {"end": true} (the stream ends, no close
+                                  frame, as when the process dies), {"text": "..."}, {"frame": JSON}, {"binary":
                                   "00ff"} (hex), {"size": BYTES} (one message frame of that
                                   many bytes), {"stall": true} (no reading, no pong, no
                                   frame until the client gives up); "repeat": N sends N
@@ -154,7 +155,10 @@ constexpr const char* kFooter = R"(Endpoints:
                                   as if given as query parameters (the rule's keys win).
                                   Rules are tried in the order given; a request takes the
                                   first that matches. 200 {"rules": PENDING}; a rule without
-                                  trouble, or for /_sandbox/, gets 400
+                                  trouble, or for /_sandbox/, gets 400. A rule for the
+                                  socket's path "/realtime/" takes its upgrades: "status"
+                                  refuses the next N (e.g. 503, 401), "delay" leaves each
+                                  unanswered that long
   GET    /_sandbox/trouble        the pending rules: {"rules": [{"path", ..., "times": LEFT
                                   or "always": true}, ...]}
   DELETE /_sandbox/trouble        removes every rule: 200 {"rules": 0}
@@ -183,8 +187,8 @@ on REST routes. /track/, /files/ and /_sandbox/ need no credentials.
 TLS: with --tls-cert and --tls-key every route is HTTPS and the socket WSS, and the URL
 printed is "https://127.0.0.1:PORT"; a plain HTTP request gets 400 naming that URL.
 
-Trouble on request (query parameters, on any path but the socket's upgrade, in any
-combination):
+Trouble on request (query parameters, on any path but the socket's upgrade, which takes
+only the rules of POST /_sandbox/trouble; in any combination):
   delay=SECONDS     wait before answering
   stall=SECONDS     send the status line and headers, then wait before the body
   status=CODE       answer with this status (200 to 599) instead of the route's

@@ -25,9 +25,10 @@ namespace sandbox {
 enum class FrameKind { text, binary, close, ping, pong };
 
 /// Something for one connection to do, in the order given: send a frame (`count` times:
-/// the payload is made once and shared), close, drop the TCP connection, or stall.
+/// the payload is made once and shared), close, drop the TCP connection (a reset, or an end
+/// of the stream without a close frame), or stall.
 struct RealtimeOrder {
-  enum class Kind { text, binary, close, reset, stall };
+  enum class Kind { text, binary, close, reset, end, stall };
   Kind kind = Kind::text;
   /// The text or bytes of a frame, the reason of a close.
   std::shared_ptr<const std::string> payload;

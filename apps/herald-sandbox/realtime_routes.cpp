@@ -54,20 +54,21 @@ std::string fromHex(std::string_view text) {
 }
 
 RealtimeOrder orderFrom(const json::object& body) {
-  static const std::set<std::string_view> kinds{"close", "reset", "text",
+  static const std::set<std::string_view> kinds{"close", "reset", "end", "text",
                                                 "frame", "binary", "size", "stall"};
   std::string kind;
   for (const auto& [key, value] : body) {
     if (key == "repeat") continue;
     if (!kinds.count(std::string_view(key)))
       throw BadRequest("unknown key \"" + std::string(key) +
-                       "\" (one of close, reset, text, frame, binary, size, stall; repeat)");
+                       "\" (one of close, reset, end, text, frame, binary, size, stall; repeat)");
     if (!kind.empty())
       throw BadRequest("one order at a time: \"" + kind + "\" and \"" + std::string(key) + "\"");
     kind = key;
   }
   if (kind.empty())
-    throw BadRequest("the body must hold one of close, reset, text, frame, binary, size, stall");
+    throw BadRequest(
+        "the body must hold one of close, reset, end, text, frame, binary, size, stall");
   const auto& value = body.at(kind);
 
   RealtimeOrder order;
@@ -89,9 +90,11 @@ RealtimeOrder orderFrom(const json::object& body) {
         throw BadRequest("unknown key \"close\".\"" + std::string(key) + "\" (code, reason)");
     order = {RealtimeOrder::Kind::close, std::make_shared<const std::string>(std::move(reason)),
              static_cast<std::uint16_t>(code->as_int64()), 1};
-  } else if (kind == "reset" || kind == "stall") {
+  } else if (kind == "reset" || kind == "stall" || kind == "end") {
     if (value != json::value(true)) throw BadRequest("\"" + kind + "\" must be true");
-    order.kind = kind == "reset" ? RealtimeOrder::Kind::reset : RealtimeOrder::Kind::stall;
+    order.kind = kind == "reset"  ? RealtimeOrder::Kind::reset
+                 : kind == "end" ? RealtimeOrder::Kind::end
+                                 : RealtimeOrder::Kind::stall;
   } else if (kind == "text") {
     if (!value.is_string()) throw BadRequest("\"text\" must be a string");
     order.payload = std::make_shared<const std::string>(value.as_string());

@@ -146,6 +146,14 @@ class Session : public RealtimeConnection, public std::enable_shared_from_this<S
         socket.close(ignored);
         co_return false;
       }
+      case Kind::end: {
+        // The stream ends (FIN) with no close frame before it, as when the service's process
+        // goes away.
+        boost::system::error_code ignored;
+        socket.shutdown(net::socket_base::shutdown_both, ignored);
+        socket.close(ignored);
+        co_return false;
+      }
       case Kind::stall: {
         // The pending read ends (the reader then only drains the socket), and nothing more is
         // written.

@@ -267,7 +267,19 @@ struct Server::Impl {
         if (!request.path.starts_with("/_sandbox/")) entry = journal.record(request, received);
         if (options.realtime && Realtime::isSocketPath(request.path) &&
             beast::websocket::is_upgrade(message)) {
-          auto admission = options.realtime->admit(request);
+          // A trouble rule for the socket's path holds the upgrade unanswered ("delay") or
+          // refuses it ("status"), so that a client's reconnecting can be tested.
+          Trouble upgradeTrouble;
+          if (options.troubleRules)
+            upgradeTrouble = options.troubleRules->apply(request, upgradeTrouble);
+          co_await pause(upgradeTrouble.delay);
+          auto admission = upgradeTrouble.status
+                               ? std::variant<RealtimeCredential, Response>(Response::error(
+                                     *upgradeTrouble.status,
+                                     "the realtime socket refuses this upgrade (trouble rule)",
+                                     *upgradeTrouble.status == 401 ? "authentication_error"
+                                                                   : "api_error"))
+                               : options.realtime->admit(request);
           if (auto* credential = std::get_if<RealtimeCredential>(&admission)) {
             if (options.verbose)
               std::cerr << "herald-sandbox: " << message.target() << " -> 101\n";

@@ -1,5 +1,7 @@
 #include "commands.hpp"
 
+#include <unistd.h>
+
 #include <functional>
 
 #include "herald/endpoints.hpp"
@@ -252,6 +254,30 @@ int getToken(const std::string& providerKey, Context& context) {
   context.report.result(token ? *token : "no token for " + providerKey,
                         {{"provider", providerKey}, {"token", optionalJSON(token)}});
   return ExitStatus::success;
+}
+
+namespace {
+void endNow(int) { ::_exit(ExitStatus::success); }
+
+// Puts `saved` back unless the command's own loop has taken the signal over meanwhile.
+void restore(int signal, const struct sigaction& saved) {
+  struct sigaction current {};
+  ::sigaction(signal, nullptr, &current);
+  if (current.sa_handler == endNow) ::sigaction(signal, &saved, nullptr);
+}
+}  // namespace
+
+EndOnSignal::EndOnSignal() {
+  struct sigaction end {};
+  end.sa_handler = endNow;
+  sigemptyset(&end.sa_mask);
+  ::sigaction(SIGINT, &end, &interrupt_);
+  ::sigaction(SIGTERM, &end, &terminate_);
+}
+
+EndOnSignal::~EndOnSignal() {
+  restore(SIGINT, interrupt_);
+  restore(SIGTERM, terminate_);
 }
 
 }  // namespace cli

@@ -3,6 +3,8 @@
 // line has already checked and returns the exit status; what it has to say goes through the
 // reporter.
 
+#include <signal.h>
+
 #include <boost/asio/awaitable.hpp>
 #include <memory>
 #include <optional>
@@ -62,6 +64,21 @@ struct Session {
 /// registered again; a refusal is reported and does not stop the caller). Throws
 /// `HeraldError::noUserSignedIn()` when nobody is signed in.
 boost::asio::awaitable<Session> resumeSession(Context& context);
+
+/// While it lives, SIGINT and SIGTERM end the process at once with exit status 0: for the
+/// steps before a long-running command's own loop (which handles them itself) that may wait
+/// on a service that does not answer. Every line written so far is out already.
+class EndOnSignal {
+ public:
+  EndOnSignal();
+  ~EndOnSignal();
+  EndOnSignal(const EndOnSignal&) = delete;
+  EndOnSignal& operator=(const EndOnSignal&) = delete;
+
+ private:
+  struct sigaction interrupt_ {};
+  struct sigaction terminate_ {};
+};
 
 /// What `herald inbox` is asked to do.
 struct InboxRequest {

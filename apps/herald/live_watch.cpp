@@ -6,6 +6,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <csignal>
 #include <iostream>
@@ -101,6 +102,14 @@ herald::HeraldInboxListener::Callbacks printingCallbacks() {
       .onMessageChanged = messageLine("onMessageChanged"),
       .onMessageAdded = messageLine("onMessageAdded"),
       .onMessageRemoved = messageLine("onMessageRemoved"),
+      .onConnectionChanged =
+          [](herald::InboxConnectionState state, double retryIn) {
+            json::object line{{"callback", "onConnectionChanged"},
+                              {"state", herald::toString(state)}};
+            if (state == herald::InboxConnectionState::reconnecting)
+              line["retryIn"] = std::round(retryIn * 10) / 10;
+            emit(std::move(line));
+          },
   };
 }
 
@@ -223,20 +232,23 @@ class CommandReader : public std::enable_shared_from_this<CommandReader> {
 }  // namespace
 
 int watchLiveInbox(const WatchRequest&, Context& context) {
+  // Until the main queue runs: a signal during the sign-in or the first load ends at once.
+  std::optional<EndOnSignal> endOnSignal(std::in_place);
   const auto session = platform::blockOn(resumeSession(context));
   if (!session.client) return session.status;
   auto& herald = herald::Herald::shared();
   auto& main = platform::MainQueue::shared();
 
+  // Adding the listener loads the inbox and connects its socket; what that gives is posted
+  // to the main queue, which runs below.
+  const auto listener = platform::blockOn(herald.addInboxListener(printingCallbacks()));
+  // The main queue's loop takes the signals over from here.
   boost::asio::signal_set signals(main.executor(), SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& error, int) {
     if (error) return;
     main.stop();
   });
-
-  // Adding the listener loads the inbox and connects its socket; what that gives is posted
-  // to the main queue, which runs below.
-  const auto listener = platform::blockOn(herald.addInboxListener(printingCallbacks()));
+  endOnSignal.reset();
   if (!context.report.json())
     writeLine(stderr, "herald: watching the inbox of " + session.client->options.userId +
                           "; commands on standard input (" + kCommandList + "); Ctrl-C ends");

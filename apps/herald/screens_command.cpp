@@ -21,6 +21,7 @@ std::string signInCommand(const ScreensRequest& request) {
 int screens(const ScreensRequest& request, Context& context) {
   // Nobody signed in is for the screen to say, with the command to run.
   if (herald::Herald::shared().userId()) {
+    EndOnSignal endOnSignal;
     const auto session = platform::blockOn(resumeSession(context));
     if (!session.client) return session.status;
   }

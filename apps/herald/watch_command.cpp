@@ -55,6 +55,8 @@ int watchInbox(const WatchRequest& request, Context& context) {
 }
 
 int watchRawInbox(const WatchRequest& request, Context& context) {
+  // Until the main queue runs: a signal during the sign-in or the connect ends at once.
+  std::optional<EndOnSignal> endOnSignal(std::in_place);
   const auto session = platform::blockOn(resumeSession(context));
   if (!session.client) return session.status;
 
@@ -97,6 +99,19 @@ int watchRawInbox(const WatchRequest& request, Context& context) {
     });
   };
 
+  // A stream that ends without a closing handshake has no close event of its own.
+  socket->onEnd = [ending, &report] {
+    ending->end(ExitStatus::unreachable, [&] {
+      report.failure(Failure{std::nullopt, "the connection ended", "connection_closed",
+                             ExitStatus::unreachable},
+                     "inbox watch");
+    });
+  };
+
+  platform::blockOn(socket->connect());
+  platform::blockOn(socket->sendSubscribe(5));
+  socket->keepAlive(request.keepAlive);
+  // The main queue's loop takes the signals over from here.
   boost::asio::signal_set signals(platform::MainQueue::shared().executor(), SIGINT, SIGTERM);
   std::shared_ptr<platform::WebSocketTask> closing;
   signals.async_wait([&](const boost::system::error_code& error, int) {
@@ -107,31 +122,7 @@ int watchRawInbox(const WatchRequest& request, Context& context) {
     socket->disconnect();
     ending->end(ExitStatus::success, [&] { note("closed (code 1000)"); });
   });
-
-  platform::blockOn(socket->connect());
-  platform::blockOn(socket->sendSubscribe(5));
-  socket->keepAlive(request.keepAlive);
-
-  // A connection that ends without a closing handshake (the peer's stream simply ends) tells
-  // no callback; look at it now and then. An end seen once is looked at again a moment later,
-  // so that the close or error it came with is the one reported.
-  bool sawEnd = false;
-  std::function<void()> watchTask;
-  watchTask = [&] {
-    const auto task = socket->webSocketTask();
-    const bool ended = !task || task->state() == platform::WebSocketTask::State::completed;
-    if (ended && sawEnd) {
-      ending->end(ExitStatus::unreachable, [&] {
-        report.failure(Failure{std::nullopt, "the connection ended", "connection_closed",
-                               ExitStatus::unreachable},
-                       "inbox watch");
-      });
-      return;
-    }
-    sawEnd = ended;
-    platform::MainQueue::shared().postAfter(std::chrono::milliseconds(500), watchTask);
-  };
-  platform::MainQueue::shared().postAfter(std::chrono::milliseconds(500), watchTask);
+  endOnSignal.reset();
 
   platform::MainQueue::shared().run();
 

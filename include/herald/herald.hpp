@@ -210,7 +210,7 @@ class Herald : public std::enable_shared_from_this<Herald> {
   void attachProxy(platform::NotificationCenter& center);
 
   // Bodies that run on the strand, inside an exclusive section.
-  boost::asio::awaitable<void> signInOnActor(std::string userId,
+  boost::asio::awaitable<std::optional<std::uint64_t>> signInOnActor(std::string userId,
                                              std::optional<std::string> tenantId,
                                              std::string accessToken,
                                              std::optional<std::string> clientKey, bool showLogs);
@@ -220,7 +220,8 @@ class Herald : public std::enable_shared_from_this<Herald> {
   TokenModule& tokenModule();
 
   // The inbox's part of sign-in, sign-out and the life cycle.
-  boost::asio::awaitable<void> restartInbox();
+  /// The inbox's start begun (its epoch), or none when nobody listens.
+  boost::asio::awaitable<std::optional<std::uint64_t>> restartInbox();
   boost::asio::awaitable<void> closeInbox();
 
   UserManager& users_;

@@ -11,8 +11,8 @@
 ///
 /// The callbacks run on the web-socket thread (see platform/web_socket.hpp). When the
 /// connection closes (either side), the receive loop ends quietly and, if the signed-in
-/// client logs, writes "WebSocket closed"; any other failure reaches `onError`. A socket
-/// never reconnects by itself.
+/// client logs, writes "WebSocket closed"; a stream that ends without any close frame also
+/// reaches `onEnd`. Any other failure reaches `onError`. A socket never reconnects by itself.
 
 #include <boost/asio/awaitable.hpp>
 #include <boost/json/object.hpp>
@@ -97,6 +97,9 @@ class HeraldSocket : public platform::WebSocketDelegate,
   SocketCallback<void(platform::WebSocketCloseCode, std::optional<std::string>)> onClose;
   /// A failure of the connection other than its closing.
   SocketCallback<void(const platform::Error&)> onError;
+  /// The current connection's stream simply ended, with no close frame from either side (a
+  /// service that went away): the one quiet end that `onClose` does not hear.
+  SocketCallback<void()> onEnd;
   const std::string url;
   /// True while a keep-alive timer is set.
   bool hasPingTimer() const;

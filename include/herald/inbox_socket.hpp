@@ -110,6 +110,8 @@ class InboxSocketManager {
       HeraldClient::Options options);
   /// The current socket, or none.
   boost::asio::awaitable<std::shared_ptr<InboxSocket>> shared();
+  /// The limits of the sockets made from now on.
+  boost::asio::awaitable<void> setConfiguration(platform::WebSocketConfiguration configuration);
 
  private:
   void closeSocketHere();

@@ -119,13 +119,18 @@ void Herald::notifyListeners(const std::optional<std::string>& userId) const {
 awaitable<void> Herald::signIn(std::string userId, std::optional<std::string> tenantId,
                                std::string accessToken, std::optional<std::string> clientKey,
                                bool showLogs) {
-  return actor_.exclusive([self = shared_from_this(), userId = std::move(userId),
-                           tenantId = std::move(tenantId), accessToken = std::move(accessToken),
-                           clientKey = std::move(clientKey),
-                           showLogs]() mutable -> awaitable<void> {
-    co_await self->signInOnActor(std::move(userId), std::move(tenantId), std::move(accessToken),
-                                 std::move(clientKey), showLogs);
-  });
+  const auto self = shared_from_this();
+  auto body = [self, userId = std::move(userId), tenantId = std::move(tenantId),
+               accessToken = std::move(accessToken), clientKey = std::move(clientKey),
+               showLogs]() mutable -> awaitable<std::optional<std::uint64_t>> {
+    auto epoch = co_await self->signInOnActor(std::move(userId), std::move(tenantId),
+                                              std::move(accessToken), std::move(clientKey),
+                                              showLogs);
+    co_return epoch;
+  };
+  // The inbox's load is awaited outside the gate: a sign-out must not wait on the network.
+  const auto epoch = co_await actor_.exclusive(std::move(body));
+  if (epoch) co_await self->inboxModule()->wait(*epoch);
 }
 
 void Herald::signIn(std::string userId, std::optional<std::string> tenantId,
@@ -141,9 +146,9 @@ void Herald::signIn(std::string userId, std::optional<std::string> tenantId,
       });
 }
 
-awaitable<void> Herald::signInOnActor(std::string userId, std::optional<std::string> tenantId,
-                                      std::string accessToken,
-                                      std::optional<std::string> clientKey, bool showLogs) {
+awaitable<std::optional<std::uint64_t>> Herald::signInOnActor(
+    std::string userId, std::optional<std::string> tenantId, std::string accessToken,
+    std::optional<std::string> clientKey, bool showLogs) {
   if (users_.userId()) co_await signOutOnActor();
 
   // An empty access token is no token: the client then sends no "Authorization" at all.
@@ -162,12 +167,13 @@ awaitable<void> Herald::signInOnActor(std::string userId, std::optional<std::str
     // is told otherwise. The error line is written whatever showLogs says.
     sdkLog().error("Could not store the credentials of " + userId + ": " + e.what());
     client_.reset();
-    co_return;
+    co_return std::nullopt;
   }
 
   lastTokenUploads_ = co_await tokenModule().putAllTokens(client_);
-  co_await restartInbox();
+  auto epoch = co_await restartInbox();
   notifyListeners(userId);
+  co_return epoch;
 }
 
 awaitable<void> Herald::signOut() {
@@ -365,12 +371,17 @@ void Herald::openSettingsForApp() {
 // ---- application life cycle and the inbox --------------------------------------------------
 
 awaitable<void> Herald::didEnterForeground() {
-  return actor_.exclusive([self = shared_from_this()]() -> awaitable<void> {
-    if (!self->users_.userId()) co_return;
+  const auto self = shared_from_this();
+  auto body = [self]() -> awaitable<std::optional<std::uint64_t>> {
+    if (!self->users_.userId()) co_return std::nullopt;
     const auto module = self->inboxModule();
     const auto listeners = co_await module->listenerCount();
-    if (listeners > 0) co_await module->start();
-  });
+    if (listeners == 0) co_return std::nullopt;
+    auto epoch = co_await module->begin();
+    co_return epoch;
+  };
+  const auto epoch = co_await actor_.exclusive(std::move(body));
+  if (epoch) co_await self->inboxModule()->wait(*epoch);
 }
 
 awaitable<void> Herald::didEnterBackground() {
@@ -386,14 +397,17 @@ awaitable<void> Herald::didEnterBackground() {
 
 // Sign-in restarts the inbox for the new client when somebody listens (a session nobody
 // watches opens no socket); sign-out stops it; the background closes only the socket; the
-// foreground reloads it when it has listeners.
-awaitable<void> Herald::restartInbox() {
+// foreground reloads it when it has listeners. A start is begun inside the facade's gate and
+// awaited outside it, so that a sign-out never waits for a load on the network.
+awaitable<std::optional<std::uint64_t>> Herald::restartInbox() {
   const auto module = inboxModule();
   const auto listeners = co_await module->listenerCount();
-  if (listeners > 0)
-    co_await module->start();
-  else
+  if (listeners == 0) {
     co_await module->stop();
+    co_return std::nullopt;
+  }
+  auto epoch = co_await module->begin();
+  co_return epoch;
 }
 
 awaitable<void> Herald::closeInbox() {

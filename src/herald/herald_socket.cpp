@@ -173,6 +173,11 @@ void HeraldSocket::received(const std::shared_ptr<platform::WebSocketTask>& task
                             std::optional<platform::Error> error) {
   if (error) {
     if (isQuietClose(*error)) {
+      // Still the current connection, so nobody here closed it; without a close code the
+      // peer sent no close frame either (a close frame reaches `onClose` right after this).
+      if (task && webSocketTask() == task &&
+          task->closeCode() == platform::WebSocketCloseCode::invalid)
+        onEnd();
       platform::spawnDetached([]() -> boost::asio::awaitable<void> {
         auto client = co_await Herald::shared().client();
         if (client && client->options.showLogs) client->log("WebSocket closed");

@@ -65,33 +65,35 @@ awaitable<std::shared_ptr<HeraldInboxData>> InboxRepository::loadFirstPages(std:
   co_return data;
 }
 
-awaitable<void> InboxRepository::connectSocket(std::function<void(InboxMessagePtr)> onMessage,
-                                               std::function<void(MessageEvent)> onEvent,
-                                               std::function<void(HeraldError)> onFailure) {
+awaitable<std::shared_ptr<InboxSocket>> InboxRepository::connectSocket(
+    std::function<void(SocketFrame)> onFrame, std::function<void(HeraldError)> onLost) {
   const auto client = co_await signedInClient();
   const auto socket = co_await socketManager_.updateInstance(client->options);
-  socket->receivedMessage = std::move(onMessage);
-  socket->receivedMessageEvent = [onEvent = std::move(onEvent)](const MessageEvent& event) {
-    onEvent(event);
-  };
-  // A connection that fails once it is up (a reset, silence) ends the live inbox: say so.
-  socket->onError = [onFailure](const platform::Error& error) { onFailure(HeraldError(error)); };
-  // So does a close the service started: the socket takes it quietly, but the inbox is no
-  // longer live. A close of our own has taken the connection off the socket first.
+  socket->receivedMessage = [onFrame](InboxMessagePtr message) { onFrame(std::move(message)); };
+  socket->receivedMessageEvent = [onFrame](const MessageEvent& event) { onFrame(event); };
+  // Every end this side did not ask for is a loss: a failure (a reset, silence, a refused
+  // upgrade), a close frame of the service whatever its code, and a stream that just ends.
+  // A close of our own takes the connection off the socket first, so none of these fire.
+  socket->onError = [onLost](const platform::Error& error) { onLost(HeraldError(error)); };
   std::weak_ptr<HeraldSocket> weakSocket = socket;
-  socket->onClose = [weakSocket, onFailure](platform::WebSocketCloseCode code,
-                                            const std::optional<std::string>& reason) {
+  socket->onClose = [weakSocket, onLost](platform::WebSocketCloseCode code,
+                                         const std::optional<std::string>& reason) {
     const auto current = weakSocket.lock();
     if (!current || !current->webSocketTask()) return;
-    onFailure(HeraldError(static_cast<long>(code),
-                          "The service closed the realtime connection (" +
-                              std::to_string(static_cast<int>(code)) +
-                              (reason && !reason->empty() ? ", " + *reason : std::string()) + ")",
-                          "connection_closed"));
+    onLost(HeraldError(static_cast<long>(code),
+                       "The service closed the realtime connection (" +
+                           std::to_string(static_cast<int>(code)) +
+                           (reason && !reason->empty() ? ", " + *reason : std::string()) + ")",
+                       "connection_closed"));
+  };
+  socket->onEnd = [onLost] {
+    onLost(HeraldError(0, "The realtime connection ended without a close frame",
+                       "connection_closed"));
   };
   co_await socket->connect();
   co_await socket->sendSubscribe(subscriptionVersion);
   socket->keepAlive(keepAliveInterval);
+  co_return socket;
 }
 
 awaitable<void> InboxRepository::closeSocket() { co_await socketManager_.closeSocket(); }

@@ -105,4 +105,13 @@ boost::asio::awaitable<std::shared_ptr<InboxSocket>> InboxSocketManager::shared(
       [this]() -> boost::asio::awaitable<std::shared_ptr<InboxSocket>> { co_return shared_; });
 }
 
+boost::asio::awaitable<void> InboxSocketManager::setConfiguration(
+    platform::WebSocketConfiguration configuration) {
+  return actor_.run([this, configuration = std::move(configuration)]() mutable
+                    -> boost::asio::awaitable<void> {
+    configuration_ = std::move(configuration);
+    co_return;
+  });
+}
+
 }  // namespace herald

@@ -10,6 +10,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <thread>
@@ -28,7 +29,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kMaxRetryDelay = 30;
 constexpr int kMinRows = 10, kMinCols = 40;
 // Relative times ("5m") are drawn again this often; nothing is asked of the service.
 constexpr auto kClockTick = 30s;
@@ -77,12 +77,10 @@ struct App::Loop {
       : input(executor, ::fcntl(inputFd, F_DUPFD_CLOEXEC, 3)),
         stops(executor, SIGINT, SIGTERM, SIGHUP),
         resize(executor, SIGWINCH),
-        clock(executor),
-        retry(executor) {}
+        clock(executor) {}
   boost::asio::posix::stream_descriptor input;
   boost::asio::signal_set stops, resize;
-  boost::asio::steady_timer clock, retry;
-  bool retryPending = false;
+  boost::asio::steady_timer clock;
 };
 
 App::App(const Options& options, Terminal& terminal) : options_(options), terminal_(terminal) {
@@ -192,7 +190,6 @@ int App::run() {
   loop_->stops.cancel(ignored);
   loop_->resize.cancel(ignored);
   loop_->clock.cancel();
-  loop_->retry.cancel();
   loop_->input.cancel(ignored);
   return exitCode_;
 }
@@ -342,32 +339,38 @@ void App::inboxFailed(const herald::HeraldError& error) {
     setStatus(L"Nobody is signed in", StatusKind::trouble);
     return;
   }
+  // The connection state that follows says what happens next; the reason stays beside it.
+  lastFailure_ = widen(error.message);
+  setStatus(L"Connection lost: " + lastFailure_, StatusKind::trouble);
+}
+
+// The inbox restarts itself after a loss; the status line only says how it stands.
+void App::connectionChanged(herald::InboxConnectionState state, double retryIn) {
+  using State = herald::InboxConnectionState;
   const auto& inbox = static_cast<InboxScreen&>(*inbox_);
-  // The wait first: the reason may be long, and the line is cut at the terminal's edge.
-  setStatus((inbox.loaded() ? L"Connection lost" : L"Could not load the inbox") +
-                std::wstring(L" (retrying in ") + std::to_wstring(retryDelay_) + L" s): " +
-                widen(error.message),
-            StatusKind::trouble);
-  scheduleRetry();
-}
-
-void App::inboxLoaded() {
-  retryDelay_ = 1;
-  setStatus(L"Live", StatusKind::good);
-}
-
-void App::scheduleRetry() {
-  if (!loop_ || loop_->retryPending) return;
-  loop_->retryPending = true;
-  loop_->retry.expires_after(std::chrono::seconds(retryDelay_));
-  retryDelay_ = std::min(retryDelay_ * 2, kMaxRetryDelay);
-  loop_->retry.async_wait([this](const boost::system::error_code& error) {
-    if (error) return;
-    loop_->retryPending = false;
-    setStatus(L"Reconnecting" + glyph(L"\u2026", L"..."));
-    // A failure comes back through the listener's onError, which schedules the next try.
-    perform(herald::Herald::shared().refreshInbox());
-  });
+  switch (state) {
+    case State::live:
+      lastFailure_.clear();
+      setStatus(L"Live", StatusKind::good);
+      break;
+    case State::connecting:
+      if (lastFailure_.empty()) setStatus(L"Connecting" + glyph(L"\u2026", L"..."));
+      break;
+    case State::reconnecting: {
+      const auto seconds = static_cast<long>(std::ceil(retryIn));
+      // The wait first: the reason may be long, and the line is cut at the terminal's edge.
+      setStatus((inbox.loaded() ? L"Connection lost" : L"Could not load the inbox") +
+                    std::wstring(L", retrying in ") + std::to_wstring(seconds) + L" s" +
+                    (lastFailure_.empty() ? L"" : L": " + lastFailure_),
+                StatusKind::trouble);
+      break;
+    }
+    case State::offline:
+      if (!nobodySignedIn_)
+        setStatus(L"Offline" + (lastFailure_.empty() ? L"" : L": " + lastFailure_),
+                  StatusKind::trouble);
+      break;
+  }
 }
 
 namespace {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "herald/herald_error.hpp"
+#include "herald/inbox_module.hpp"
 #include "herald_ui/terminal.hpp"
 #include "herald_ui/theme.hpp"
 #include "herald_ui/ui.hpp"
@@ -67,11 +68,11 @@ class App {
   /// line either way.
   void openLink(const std::string& href);
 
-  /// The live inbox told of a failure: nobody signed in, or a lost connection, which is
-  /// retried after 1, 2, 4 … 30 s.
+  /// The live inbox told of a failure: nobody signed in, or a lost connection (which the
+  /// inbox itself retries).
   void inboxFailed(const herald::HeraldError& error);
-  /// The live inbox loaded: the retries start again from 1 s.
-  void inboxLoaded();
+  /// The status line: Live, "Connection lost, retrying in N s", Offline.
+  void connectionChanged(herald::InboxConnectionState state, double retryIn);
 
   using Failed = std::function<void(const std::string& why)>;
 
@@ -88,7 +89,6 @@ class App {
   void drawNobodySignedIn(int top, int bottom, int cols);
   void drawHelp(int rows, int cols);
   void handleKey(const Key& key);
-  void scheduleRetry();
 
   Options options_;
   Terminal& terminal_;
@@ -101,7 +101,7 @@ class App {
   StatusKind statusKind_ = StatusKind::info;
   bool help_ = false;
   bool drawPending_ = false;
-  int retryDelay_ = 1;
+  std::wstring lastFailure_;  // of the loss the inbox is recovering from
   int exitCode_ = kQuit;
   // Checked by everything posted back to the main queue: false once run() has returned.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -70,7 +70,7 @@ herald::HeraldInboxListener::Callbacks InboxScreen::callbacks() {
             view_.replace(InboxMessageFeed::feed, set);
             loading_ = false;
             loadFailure_.reset();
-            app_.inboxLoaded();
+            app_.redraw();
           },
       .onArchiveChanged =
           [this](const herald::InboxMessageSet& set) {
@@ -97,6 +97,10 @@ herald::HeraldInboxListener::Callbacks InboxScreen::callbacks() {
           [this](InboxMessageFeed feed, std::int64_t index, const InboxMessagePtr&) {
             view_.remove(feed, index);
             app_.redraw();
+          },
+      .onConnectionChanged =
+          [this](herald::InboxConnectionState state, double retryIn) {
+            app_.connectionChanged(state, retryIn);
           },
   };
 }

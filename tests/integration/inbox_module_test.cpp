@@ -56,6 +56,8 @@ std::string describe(const herald::InboxMessageSet& set) {
 struct Heard {
   std::shared_ptr<std::vector<std::string>> heard = std::make_shared<std::vector<std::string>>();
   std::vector<std::string>& lines = *heard;
+  /// Also "state live", "state reconnecting" ... (`onConnectionChanged`).
+  bool states = false;
 
   herald::HeraldInboxListener::Callbacks callbacks() {
     auto add = [heard = heard](std::string line) { heard->push_back(std::move(line)); };
@@ -79,7 +81,23 @@ struct Heard {
         .onMessageChanged = message("changed"),
         .onMessageAdded = message("added"),
         .onMessageRemoved = message("removed"),
+        .onConnectionChanged = states ? herald::HeraldInboxListener::OnConnectionChanged(
+                                            [add](herald::InboxConnectionState state, double) {
+                                              add("state " + std::string(toString(state)));
+                                            })
+                                      : nullptr,
     };
+  }
+  /// Runs the main queue until a line from `from` on is `line` (at most 10 s).
+  bool waitForLine(const std::string& line, std::size_t from = 0) {
+    return platform::MainQueue::shared().runUntil(
+        [&] { return std::find(lines.begin() + from, lines.end(), line) != lines.end(); },
+        std::chrono::seconds(10));
+  }
+  std::size_t count(const std::string& prefix, std::size_t from = 0) const {
+    return static_cast<std::size_t>(std::count_if(
+        lines.begin() + static_cast<std::ptrdiff_t>(from), lines.end(),
+        [&](const std::string& l) { return l.starts_with(prefix); }));
   }
   /// Runs the main queue until `count` lines are in (at most 10 s).
   bool waitFor(std::size_t count) {
@@ -193,6 +211,37 @@ class InboxModuleTest : public ::testing::Test {
   bool loaded(Heard& heard) {
     listen(heard);
     return heard.waitFor(4);
+  }
+  // Losses noticed and recovered from in a fraction of a second: back-off 300 ms (then 600,
+  // 1200), no jitter, a dead peer noticed within 600 ms, an upgrade given up after 500 ms.
+  void recoverQuickly() {
+    herald::InboxConnectionOptions options;
+    options.retryBase = std::chrono::milliseconds(300);
+    options.retryCap = std::chrono::milliseconds(1200);
+    options.stablePeriod = std::chrono::milliseconds(0);
+    options.socket.idleTimeout = std::chrono::milliseconds(400);
+    options.socket.handshakeTimeout = std::chrono::milliseconds(500);
+    options.jitter = [](double ceiling) { return ceiling; };
+    platform::blockOn(herald_->inboxModule()->setOptions(options));
+  }
+  void order(const std::string& body) const {
+    const auto done = call(url("/_sandbox/realtime/ada"), "POST", body);
+    ASSERT_EQ(done.status, 200) << body << ": " << done.body;
+  }
+  // Trouble for the next upgrades of the realtime socket.
+  void upgradeTrouble(json::object rule) const {
+    rule["path"] = "/realtime/";
+    const auto set = call(url("/_sandbox/trouble"), "POST", platform::toJSON(rule));
+    ASSERT_EQ(set.status, 200) << set.body;
+  }
+  // Every id of the state, feed then archive, and how often each is there.
+  std::map<std::string, int> held() const {
+    std::map<std::string, int> out;
+    const auto state = platform::blockOn(herald_->inboxModule()->snapshot());
+    if (!state) return out;
+    for (const auto* set : {&state->feed, &state->archived})
+      for (const auto& m : set->messages) ++out[m->messageId];
+    return out;
   }
   std::vector<std::string> ids(const std::vector<herald::InboxMessagePtr>& messages) const {
     std::vector<std::string> out;
@@ -378,8 +427,7 @@ TEST_F(InboxModuleTest, SocketMessagesGoOnTopAndEventsFromAnotherDeviceAreApplie
                 .status,
             200);
   ASSERT_TRUE(heard.waitFor(11));
-  EXPECT_EQ(heard.since(10),
-            (Lines{"error The service closed the realtime connection (4000, maintenance)"}));
+  EXPECT_EQ(heard.lines[10], "error The service closed the realtime connection (4000, maintenance)");
 }
 
 TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) {
@@ -393,6 +441,9 @@ TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) 
   trouble({{"contains", "$after: String = "}, {"status", 503}});
   EXPECT_THROW(platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed)),
                herald::HeraldError);
+  // The listeners hear of it too.
+  ASSERT_TRUE(heard.waitFor(5));
+  EXPECT_TRUE(heard.lines[4].starts_with("error ")) << heard.lines[4];
   clearJournal();
   EXPECT_TRUE(platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed)).empty());
   EXPECT_TRUE(inboxRequests().empty());
@@ -400,7 +451,7 @@ TEST_F(InboxModuleTest, AFailedPageKeepsItsListFromPagingUntilTheInboxRestarts) 
   platform::blockOn(herald_->refreshInbox());
   const auto page = platform::blockOn(herald_->fetchNextInboxPage(InboxMessageFeed::feed));
   EXPECT_EQ(ids(page), (Lines{m1 + "{}"}));
-  ASSERT_TRUE(heard.waitFor(4 + 4 + 1));
+  ASSERT_TRUE(heard.waitFor(5 + 4 + 1));
   EXPECT_EQ(heard.lines.back(), "page feed [" + m1 + "{}]");
   EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())), (Lines{m2 + "{}", m1 + "{}"}));
 }
@@ -497,6 +548,188 @@ TEST_F(InboxModuleTest, ManyOperationsAndSocketEventsAtOnce) {
     for (const auto& m : set->messages) seen.insert(m->messageId);
   for (const auto& id : seen) EXPECT_EQ(seen.count(id), 1u) << id;
   EXPECT_GE(state->unreadCount, 0);
+}
+
+// ---- staying live ----------------------------------------------------------------------------
+
+TEST_F(InboxModuleTest, EveryKindOfLossIsHeardOnceAndTheInboxComesBackWithWhatItMissed) {
+  recoverQuickly();
+  const auto first = addMessage("ada", "first");
+  signIn("ada");
+  Heard heard;
+  heard.states = true;
+  listen(heard);
+  ASSERT_TRUE(heard.waitForLine("state live"));
+  ASSERT_TRUE(waitForSubscribed(1));
+
+  std::map<std::string, int> expected{{first, 1}};
+  for (const std::string loss : {R"({"reset": true})", R"({"close": {"code": 4000}})",
+                                 R"({"close": {"code": 1001}})", R"({"end": true})",
+                                 R"({"stall": true})"}) {
+    SCOPED_TRACE(loss);
+    const auto from = heard.lines.size();
+    order(loss);
+    ASSERT_TRUE(heard.waitForLine("state reconnecting", from));
+    // Posted while nothing listens: the restart's load brings it.
+    ++expected[addMessage("ada", "missed")];
+    ASSERT_TRUE(heard.waitForLine("state live", from));
+    EXPECT_EQ(heard.count("error ", from), 1u);
+    EXPECT_EQ(held(), expected);
+    ASSERT_TRUE(waitForSubscribed(1));
+  }
+  // Live again for real: a new message comes over the socket, once.
+  const auto from = heard.lines.size();
+  ++expected[addMessage("ada", "after")];
+  ASSERT_TRUE(heard.waitFor(from + 2));
+  EXPECT_EQ(held(), expected);
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->snapshot())->unreadCount, 7);
+}
+
+TEST_F(InboxModuleTest, RefusedOrUnansweredRestartsTryAgainAndRefusedCredentialsGoOffline) {
+  recoverQuickly();
+  signIn("ada");
+  Heard heard;
+  heard.states = true;
+  listen(heard);
+  ASSERT_TRUE(heard.waitForLine("state live"));
+  ASSERT_TRUE(waitForSubscribed(1));
+
+  // Two refused upgrades, then one left unanswered past the handshake limit.
+  upgradeTrouble({{"status", 503}, {"times", 2}});
+  upgradeTrouble({{"delay", 2}, {"times", 1}});
+  auto from = heard.lines.size();
+  order(R"({"reset": true})");
+  ASSERT_TRUE(heard.waitForLine("state live", from));
+  EXPECT_EQ(heard.count("state reconnecting", from), 4u);
+  EXPECT_EQ(heard.count("error ", from), 1u);
+
+  // Credentials the service refuses do not get better by asking again.
+  upgradeTrouble({{"status", 401}, {"times", 1}});
+  from = heard.lines.size();
+  order(R"({"end": true})");
+  ASSERT_TRUE(heard.waitForLine("state offline", from));
+  EXPECT_EQ(heard.count("error ", from), 2u);  // the loss, then the refusal
+  clearJournal();
+  platform::MainQueue::shared().runFor(std::chrono::milliseconds(700));
+  EXPECT_TRUE(sandbox_.journal().empty());
+  from = heard.lines.size();
+  platform::blockOn(herald_->refreshInbox());
+  ASSERT_TRUE(heard.waitForLine("state live", from));
+}
+
+TEST_F(InboxModuleTest, ABurstOfEventsIsAppliedInOrderAndTheLastOneStandsHereAndOnTheService) {
+  const auto a = addMessage("ada", "a");
+  signIn("ada");
+  Heard heard;
+  ASSERT_TRUE(loaded(heard));
+  ASSERT_TRUE(waitForSubscribed(1));
+  clearJournal();
+  Lines sent;
+  for (int i = 0; i < 8; ++i) {
+    const std::string event = i % 2 == 0 ? "read" : "unread";
+    order(platform::toJSON(json::object{
+        {"frame", json::object{{"type", "event"}, {"event", event}, {"messageId", a}}}}));
+    sent.push_back(event + "(messageId:\"" + a + "\")");
+  }
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (mutations().size() < sent.size() && Clock::now() < deadline) {
+    platform::waitForIdle(std::chrono::seconds(1));
+    platform::MainQueue::shared().runFor(std::chrono::milliseconds(20));
+  }
+  EXPECT_EQ(mutations(), sent);
+  EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())), (Lines{a + "{}"}));
+  herald::HeraldClient other(tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt,
+                             false);
+  const auto service = platform::blockOn(other.inbox()->getMessages(10, std::nullopt));
+  EXPECT_EQ(describe(herald::InboxMessageSet::fromData(service.data.value_or(herald::InboxData{}))),
+            "[" + a + "{}]");
+}
+
+TEST_F(InboxModuleTest, SignOutDuringAStalledReloadReturnsAtOnceAndTheLateAnswerChangesNothing) {
+  addMessage("ada", "a");
+  signIn("ada");
+  Heard heard;
+  ASSERT_TRUE(loaded(heard));
+  clearJournal();
+  trouble({{"delay", 1.5}, {"times", 3}});
+  auto reload = platform::spawnFuture(herald_->refreshInbox());
+  const auto deadline = Clock::now() + std::chrono::seconds(5);
+  while (inboxRequests().size() < 3 && Clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+
+  const auto started = Clock::now();
+  platform::blockOn(herald_->signOut());
+  // Generous for a loaded machine; the wait it replaces was the 1.5 s answer.
+  EXPECT_LT(Clock::now() - started, std::chrono::milliseconds(500));
+  EXPECT_EQ(reload.wait_for(std::chrono::seconds(1)), std::future_status::ready);
+  platform::MainQueue::shared().runFor(std::chrono::milliseconds(100));
+  const auto heardAtSignOut = heard.lines.size();
+  platform::MainQueue::shared().runFor(std::chrono::milliseconds(1800));
+  EXPECT_EQ(heard.lines.size(), heardAtSignOut);
+  EXPECT_FALSE(platform::blockOn(herald_->inboxModule()->snapshot()));
+}
+
+TEST_F(InboxModuleTest, AMessageThatArrivesWhileTheInboxReloadsIsThereOnce) {
+  const auto n1 = addMessage("ada", "n1");
+  signIn("ada");
+  Heard heard;
+  ASSERT_TRUE(loaded(heard));
+  ASSERT_TRUE(waitForSubscribed(1));
+  clearJournal();
+  trouble({{"delay", 0.5}, {"times", 3}});
+  auto reload = platform::spawnFuture(herald_->refreshInbox());
+  const auto deadline = Clock::now() + std::chrono::seconds(5);
+  while (inboxRequests().size() < 3 && Clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const auto n2 = addMessage("ada", "n2");
+  ASSERT_EQ(reload.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  platform::MainQueue::shared().runFor(std::chrono::milliseconds(300));
+  EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())), (Lines{n2 + "{}", n1 + "{}"}));
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->snapshot())->unreadCount, 2);
+}
+
+TEST_F(InboxModuleTest, AServiceKilledAndStartedAgainOnTheSamePortIsReconnectedTo) {
+  Sandbox own({"--jwt-secret", "a secret that outlives the process"});
+  herald::Endpoints::setCurrent(herald::Endpoints::localService(own.url()));
+  recoverQuickly();
+  const auto token = call(own.url() + "/_sandbox/users/ada/token", "POST");
+  ASSERT_EQ(token.status, 200);
+  platform::blockOn(herald_->signIn("ada", std::nullopt,
+                                    std::string(token.object().at("jwt").as_string()),
+                                    std::nullopt, false));
+  Heard heard;
+  heard.states = true;
+  listen(heard);
+  ASSERT_TRUE(heard.waitForLine("state live"));
+
+  const auto from = heard.lines.size();
+  own.killAndStartAgain();
+  ASSERT_TRUE(heard.waitForLine("state reconnecting", from));
+  const auto posted = call(own.url() + "/_sandbox/users/ada/messages", "POST", R"({"title": "back"})");
+  ASSERT_EQ(posted.status, 200);
+  const std::string id(posted.object().at("messageId").as_string());
+  ASSERT_TRUE(heard.waitForLine("state live", from));
+  EXPECT_EQ(heard.count("error ", from), 1u);
+  EXPECT_EQ(held(), (std::map<std::string, int>{{id, 1}}));
+}
+
+TEST_F(InboxModuleTest, AChangeInFlightSurvivesARestartAndItsRefusalIsUndoneThere) {
+  const auto m1 = addMessage("ada", "one");
+  signIn("ada");
+  Heard heard;
+  ASSERT_TRUE(loaded(heard));
+  trouble({{"contains", "archive(messageId"}, {"delay", 1.0}, {"status", 500}});
+  auto archiving = platform::spawnFuture(herald_->archiveMessage(m1));
+  ASSERT_TRUE(heard.waitFor(8));
+  // The reload still has it in the feed on the service: the change is made on it again.
+  platform::blockOn(herald_->refreshInbox());
+  EXPECT_TRUE(platform::blockOn(herald_->feedMessages()).empty());
+  EXPECT_EQ(ids(platform::blockOn(herald_->archivedMessages())), (Lines{m1 + "{ra}"}));
+  ASSERT_EQ(archiving.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_THROW(archiving.get(), herald::HeraldError);
+  EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())), (Lines{m1 + "{}"}));
+  EXPECT_TRUE(platform::blockOn(herald_->archivedMessages()).empty());
+  EXPECT_EQ(platform::blockOn(herald_->inboxModule()->snapshot())->unreadCount, 1);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/json.hpp>
 #include <csignal>
 #include <filesystem>
@@ -113,6 +114,7 @@ class Lines {
       std::string name(line.contains("callback") ? line.at("callback").as_string()
                                                  : line.at("command").as_string());
       if (line.contains("feed")) name += " " + std::string(line.at("feed").as_string());
+      if (line.contains("state")) name = "state " + std::string(line.at("state").as_string());
       names.push_back(name);
     }
     passed_.clear();
@@ -137,8 +139,8 @@ TEST_F(LiveInbox, WatchShowsEveryChangeAndRunsTheCommandsOfItsInput) {
   const auto count = out.callback("onUnreadCountChanged");
   ASSERT_TRUE(count) << watch.out() << watch.err();
   EXPECT_EQ(count->at("count"), 2);
-  EXPECT_EQ(out.takePassed(), (Names{"onLoading", "onFeedChanged", "onArchiveChanged",
-                                     "onUnreadCountChanged"}));
+  EXPECT_EQ(out.takePassed(), (Names{"onLoading", "state connecting", "onFeedChanged",
+                                     "onArchiveChanged", "onUnreadCountChanged"}));
   // Registered, and live: the socket is subscribed before the state is handed over.
   ASSERT_TRUE(watch.waitForOutput("Herald Inbox Listener Registered. Total Listeners: 1"));
 
@@ -218,8 +220,9 @@ TEST_F(LiveInbox, WatchShowsEveryChangeAndRunsTheCommandsOfItsInput) {
   ASSERT_TRUE(watch.write("foreground\n"));
   ASSERT_TRUE(out.command("foreground")) << watch.out();
   const auto passed = out.takePassed();
-  EXPECT_EQ(passed, (Names{"background", "onLoading", "onFeedChanged", "onArchiveChanged",
-                           "onUnreadCountChanged", "foreground"}));
+  EXPECT_EQ(passed, (Names{"state offline", "background", "onLoading", "state connecting",
+                           "onFeedChanged", "onArchiveChanged", "onUnreadCountChanged",
+                           "state live", "foreground"}));
   EXPECT_NE(watch.out().find(R"("ids":[")" + meanwhile + "\""), std::string::npos);
 
   // The end of the input is not the end of the watch: news still arrive.
@@ -265,6 +268,66 @@ TEST_F(LiveInbox, CommandsRefuseAMessageFoundNowhereAndReportTheLoadsFailure) {
   ASSERT_EQ(sandbox_.stop(), 0);
   f = run(herald({"inbox", "count"}));
   EXPECT_EQ(f.exitCode, 3) << f.err;
+}
+
+TEST_F(LiveInbox, ALostConnectionIsSaidAndTheWatchIsLiveAgainByItself) {
+  Background watch(herald({"inbox", "watch"}));
+  Lines out(watch);
+  const auto state = [&](const std::string& name) {
+    return out.next([&](const json::object& l) {
+      return l.contains("state") && l.at("state").as_string() == std::string_view(name);
+    });
+  };
+  ASSERT_TRUE(state("live")) << watch.out() << watch.err();
+  ASSERT_EQ(call(sandbox_.url() + "/_sandbox/realtime/ada", "POST", R"({"reset": true})").status,
+            200);
+  ASSERT_TRUE(out.callback("onError")) << watch.out();
+  const auto reconnecting = state("reconnecting");
+  ASSERT_TRUE(reconnecting) << watch.out();
+  EXPECT_LE(reconnecting->at("retryIn").to_number<double>(), 1.0);
+  ASSERT_TRUE(state("live")) << watch.out();
+  const auto after = addMessage("After the reset");
+  const auto added = out.callback("onMessageAdded");
+  ASSERT_TRUE(added) << watch.out();
+  EXPECT_EQ(added->at("message").at("messageId").as_string(), after);
+  const auto finished = watch.stop(SIGTERM);
+  EXPECT_EQ(finished.exitCode, 0) << finished.err;
+}
+
+// Ctrl-C and SIGTERM end the watches at once, even while the service keeps them waiting.
+TEST_F(LiveInbox, ASignalEndsTheWatchesWhileTheyWaitOnASilentService) {
+  const auto waitForRequests = [&](std::string_view path, std::size_t n) {
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (Clock::now() < deadline) {
+      const auto journal = sandbox_.journal();
+      const auto seen = std::count_if(journal.begin(), journal.end(), [&](const auto& e) {
+        return std::string_view(e.at("path").as_string()).starts_with(path);
+      });
+      if (static_cast<std::size_t>(seen) >= n) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+  };
+  ASSERT_EQ(call(sandbox_.url() + "/_sandbox/trouble", "POST",
+                 R"({"path": "/inbox/q", "delay": 30, "times": 3})")
+                .status,
+            200);
+  {
+    Background watch(herald({"inbox", "watch"}));
+    ASSERT_TRUE(waitForRequests("/inbox/q", 3));
+    const auto finished = watch.stop(SIGINT, std::chrono::seconds(3));
+    EXPECT_EQ(finished.exitCode, 0) << finished.err;
+  }
+  ASSERT_EQ(call(sandbox_.url() + "/_sandbox/trouble", "POST",
+                 R"({"path": "/realtime/", "delay": 30, "times": 1})")
+                .status,
+            200);
+  {
+    Background watch(herald({"inbox", "watch", "--raw"}));
+    ASSERT_TRUE(waitForRequests("/realtime", 1));
+    const auto finished = watch.stop(SIGTERM, std::chrono::seconds(3));
+    EXPECT_EQ(finished.exitCode, 0) << finished.err;
+  }
 }
 
 }  // namespace

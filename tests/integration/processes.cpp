@@ -212,9 +212,20 @@ std::vector<std::string> lines(const std::string& text) {
   return result;
 }
 
-Sandbox::Sandbox(const std::vector<std::string>& extraArgs) {
-  std::vector<std::string> argv{program("herald-sandbox"), "--port", "0"};
-  argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
+Sandbox::Sandbox(const std::vector<std::string>& extraArgs) : extraArgs_(extraArgs) {
+  launch("0");
+}
+
+void Sandbox::killAndStartAgain() {
+  const auto samePort = std::to_string(port());
+  ::kill(pid_, SIGKILL);
+  waitFor(std::exchange(pid_, -1), Clock::now() + 10s);
+  launch(samePort);
+}
+
+void Sandbox::launch(const std::string& port) {
+  std::vector<std::string> argv{program("herald-sandbox"), "--port", port};
+  argv.insert(argv.end(), extraArgs_.begin(), extraArgs_.end());
   Pipe out;
   pid_ = spawn(argv, -1, out.fd[1], -1);
   ::close(std::exchange(out.fd[1], -1));

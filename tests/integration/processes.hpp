@@ -79,8 +79,13 @@ class Sandbox {
   boost::json::array journal() const;
   /// Sends SIGTERM and returns the exit status (-1 if it had to be killed).
   int stop();
+  /// Kills it with SIGKILL (its state goes with it) and starts it again on the same port.
+  void killAndStartAgain();
 
  private:
+  void launch(const std::string& port);
+
+  std::vector<std::string> extraArgs_;
   pid_t pid_ = -1;
   std::string url_;
 };
