@@ -441,7 +441,8 @@ void SerialQueue::async(const Entry& e) {
   auto* out = reinterpret_cast<char*>(at + kEntryPrefix);
   for (int i = 0; i < 4; ++i) {
     fields.sizes[i] = static_cast<std::uint32_t>(parts[i].size());
-    std::memcpy(out, parts[i].data(), parts[i].size());
+    // An empty view may hold no pointer, which memcpy must not be given.
+    if (!parts[i].empty()) std::memcpy(out, parts[i].data(), parts[i].size());
     out += parts[i].size();
   }
   std::memcpy(at + sizeof(Header), &fields, sizeof fields);
