@@ -7,6 +7,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include "integration/processes.hpp"
@@ -295,6 +296,19 @@ class HeraldInbox : public HeraldCommand {
     return std::string(platform::parseJSON(answer.data).at("messageId").as_string());
   }
 
+  // Waits (bounded) until the service holds a subscribed realtime connection that `ready`
+  // accepts; the watch says it is open before its subscription has arrived.
+  bool waitForConnection(const std::function<bool(const json::object&)>& ready = {}) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+      const auto all = call(sandbox_.url() + "/_sandbox/realtime").object().at("connections");
+      for (const auto& c : all.as_array())
+        if (c.at("subscribed").as_bool() && (!ready || ready(c.as_object()))) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+  }
+
   // The ids of one page of `inbox list` (with `args`), and its cursor when there is more.
   std::pair<std::vector<std::string>, std::optional<std::string>> page(
       std::vector<std::string> args) {
@@ -449,6 +463,7 @@ TEST_F(HeraldInbox, WatchPrintsEachFrameAsOneJSONLineUntilInterrupted) {
   ASSERT_TRUE(watch.waitForOutput("(Ctrl-C ends)")) << watch.err();
   // The token stays out of the terminal.
   EXPECT_EQ(watch.err().find("auth="), std::string::npos) << watch.err();
+  ASSERT_TRUE(waitForConnection());
   const auto id = addMessage({{"title", "Live"}});
   // Another device (its own connection id) reads it: the watcher hears the event.
   const auto other = (dir_ / "other").string();
@@ -462,13 +477,8 @@ TEST_F(HeraldInbox, WatchPrintsEachFrameAsOneJSONLineUntilInterrupted) {
           .exitCode,
       0);
   ASSERT_TRUE(watch.waitForOutput("\"event\":\"read\"")) << watch.out();
-  // A keep-alive every 0.1 s: wait (bounded) until the service has counted one.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (std::chrono::steady_clock::now() < deadline) {
-    const auto all = call(sandbox_.url() + "/_sandbox/realtime").object().at("connections");
-    if (!all.as_array().empty() && all.as_array()[0].at("keepAlives").as_int64() > 0) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  // A keep-alive every 0.1 s: wait until the service has counted one.
+  waitForConnection([](const json::object& c) { return c.at("keepAlives").as_int64() > 0; });
 
   const auto finished = watch.stop(SIGINT);
   EXPECT_EQ(finished.exitCode, 0) << finished.err;
@@ -499,6 +509,7 @@ TEST_F(HeraldInbox, WatchRawEndsWith3WhenTheServiceCloses) {
   Background watch({program("herald"), "--config-dir", config_, "--endpoint", sandbox_.url(),
                     "inbox", "watch", "--raw"});
   ASSERT_TRUE(watch.waitForOutput("(Ctrl-C ends)")) << watch.err();
+  ASSERT_TRUE(waitForConnection());
   auto request = platform::URLRequest::make(sandbox_.url() + "/_sandbox/realtime/ada");
   request.method = "POST";
   request.body = R"({"close": {"code": 4001, "reason": "maintenance"}})";
