@@ -140,10 +140,13 @@ class InboxRepository {
  public:
   InboxRepository(std::weak_ptr<Herald> herald, platform::WebSocketConfiguration configuration);
 
-  /// The feed's first page, the archive's first page and the unread count, as three
-  /// requests in flight at once; the state once all three have answered. Throws the first
+  /// The feed's first page, the archive's first page and (with `withCount`) the unread count,
+  /// as requests in flight at once; the state once all have answered. Throws the first
   /// failure.
-  boost::asio::awaitable<std::shared_ptr<HeraldInboxData>> loadFirstPages(std::int64_t limit);
+  boost::asio::awaitable<std::shared_ptr<HeraldInboxData>> loadFirstPages(std::int64_t limit,
+                                                                         bool withCount = true);
+  /// The service's unread count on its own.
+  boost::asio::awaitable<std::int64_t> loadUnreadCount();
   /// A fresh socket for the signed-in client (the previous one closed), connected, subscribed
   /// and kept alive every 300 s. Each frame goes to `onFrame`, in arrival order; the end of
   /// the connection that this side did not ask for (a close frame of the service, the end of

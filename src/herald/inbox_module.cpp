@@ -419,10 +419,18 @@ awaitable<void> InboxModule::attempt(std::uint64_t epoch, bool subscribeFirst) {
     // A restart subscribes before it loads: a message created between the load and the
     // subscribe would otherwise be in neither. Frames wait in `pending_` until the state is in.
     std::shared_ptr<HeraldInboxData> data;
+    // Frames that came before the count was asked for are in the service's count already.
+    std::size_t counted = 0;
     if (subscribeFirst) {
       co_await connect();
       if (epoch != epoch_) co_return;
-      data = co_await repo_.loadFirstPages(limit);
+      // The count is asked for after the pages: asked beside them, it may miss a message the
+      // page holds, and the frame of that message is dropped as one held already.
+      data = co_await repo_.loadFirstPages(limit, false);
+      if (epoch != epoch_) co_return;
+      counted = pending_.size();
+      const auto count = co_await repo_.loadUnreadCount();
+      data->unreadCount = count;
     } else {
       data = co_await repo_.loadFirstPages(limit);
       if (epoch != epoch_) co_return;
@@ -431,17 +439,23 @@ awaitable<void> InboxModule::attempt(std::uint64_t epoch, bool subscribeFirst) {
     if (epoch != epoch_) co_return;
 
     data_ = std::move(data);
+    const auto serviceCount = data_->unreadCount;
     // Changes still on their way are made again on the new state before anyone sees it, so
     // that it shows them and their undo works there.
     muted_ = true;
     for (const auto& pending : outbox_) pending->undo = changeHere(pending->event, pending->messageId);
+    const auto outboxDelta = data_->unreadCount - serviceCount;
+    auto frames = std::move(pending_);
+    pending_.clear();
+    // What the frames before the count did is in that count: their changes are made here,
+    // the count is the service's.
+    for (std::size_t i = 0; i < counted; ++i) applyFrame(std::move(frames[i]));
+    if (counted > 0) data_->unreadCount = serviceCount + outboxDelta;
     muted_ = false;
     for (const auto& listener : listeners_) listener->load(data_->copy());
     liveSince_ = std::chrono::steady_clock::now();
     setPhase(Phase::live);
-    auto frames = std::move(pending_);
-    pending_.clear();
-    for (auto& frame : frames) applyFrame(std::move(frame));
+    for (std::size_t i = counted; i < frames.size(); ++i) applyFrame(std::move(frames[i]));
     finish(epoch, std::nullopt);
   } catch (...) {
     if (epoch != epoch_) co_return;

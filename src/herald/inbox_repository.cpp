@@ -41,28 +41,41 @@ awaitable<std::shared_ptr<HeraldClient>> InboxRepository::signedInClient() {
   co_return client;
 }
 
-awaitable<std::shared_ptr<HeraldInboxData>> InboxRepository::loadFirstPages(std::int64_t limit) {
+awaitable<std::shared_ptr<HeraldInboxData>> InboxRepository::loadFirstPages(std::int64_t limit,
+                                                                           bool withCount) {
   using namespace boost::asio::experimental::awaitable_operators;
   const auto client = co_await signedInClient();
   const auto inbox = client->inbox();
-  // Three requests in flight at once; the first failure cancels the wait for the others.
+  // The requests are in flight at once; the first failure cancels the wait for the others,
+  // which may fail too: the caller hears the first.
   auto feedLoad = inbox->getMessages(limit, std::nullopt);
   auto archiveLoad = inbox->getArchivedMessages(limit, std::nullopt);
-  auto countLoad = inbox->getUnreadMessageCount();
-  // When one fails the others are cancelled, and may fail too: the caller hears the first.
-  auto all = std::move(feedLoad) && std::move(archiveLoad) && std::move(countLoad);
-  std::tuple<InboxResponse, InboxResponse, std::int64_t> loaded;
+  auto data = std::make_shared<HeraldInboxData>();
   try {
-    loaded = co_await std::move(all);
+    if (withCount) {
+      auto countLoad = inbox->getUnreadMessageCount();
+      auto all = std::move(feedLoad) && std::move(archiveLoad) && std::move(countLoad);
+      auto [feed, archived, count] = co_await std::move(all);
+      data->feed = InboxMessageSet::fromData(feed.data.value_or(InboxData{}));
+      data->archived = InboxMessageSet::fromData(archived.data.value_or(InboxData{}));
+      data->unreadCount = count;
+    } else {
+      auto both = std::move(feedLoad) && std::move(archiveLoad);
+      auto [feed, archived] = co_await std::move(both);
+      data->feed = InboxMessageSet::fromData(feed.data.value_or(InboxData{}));
+      data->archived = InboxMessageSet::fromData(archived.data.value_or(InboxData{}));
+    }
   } catch (const boost::asio::multiple_exceptions& e) {
     rethrowFirst(e);
   }
-  auto& [feed, archived, count] = loaded;
-  auto data = std::make_shared<HeraldInboxData>();
-  data->feed = InboxMessageSet::fromData(feed.data.value_or(InboxData{}));
-  data->archived = InboxMessageSet::fromData(archived.data.value_or(InboxData{}));
-  data->unreadCount = count;
   co_return data;
+}
+
+awaitable<std::int64_t> InboxRepository::loadUnreadCount() {
+  const auto client = co_await signedInClient();
+  const auto inbox = client->inbox();
+  const auto count = co_await inbox->getUnreadMessageCount();
+  co_return count;
 }
 
 awaitable<std::shared_ptr<InboxSocket>> InboxRepository::connectSocket(
