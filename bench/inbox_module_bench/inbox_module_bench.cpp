@@ -32,6 +32,7 @@
 #include "platform/paths.hpp"
 #include "platform/user_defaults.hpp"
 #include "support/local_service.hpp"
+#include "support/own_facade.hpp"
 #include "support/ratio_reporter.hpp"
 
 namespace {
@@ -58,12 +59,8 @@ double heapKilobytes() {
 
 // A facade of its own over a store in a temporary folder, signed in as `user`, with one
 // listener that counts what it hears.
-struct Session {
-  explicit Session(const std::string& user)
-      : folder(makeFolder()),
-        defaults(folder / "defaults.json"),
-        users(defaults),
-        herald(herald::Herald::create(users, center)) {
+struct Session : bench_support::OwnFacade {
+  explicit Session(const std::string& user) {
     platform::blockOn(herald->signIn(user, std::nullopt, sandbox->token(user), std::nullopt));
     listener = platform::blockOn(herald->addInboxListener({
         .onFeedChanged = [this](const herald::InboxMessageSet&) { ++feedChanges; },
@@ -72,28 +69,14 @@ struct Session {
     }));
     drainUntil([this] { return feedChanges > 0; });
   }
-  ~Session() {
-    platform::blockOn(herald->signOut());
-    platform::waitForIdle(std::chrono::seconds(5));
-    platform::MainQueue::shared().runFor(std::chrono::milliseconds(10));
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-  }
-  static std::filesystem::path makeFolder() {
-    std::string pattern = (platform::temporaryDirectory() / "inbox-bench-XXXXXX").string();
-    return ::mkdtemp(pattern.data());
-  }
   template <class Done>
   static void drainUntil(Done done) {
     if (!platform::MainQueue::shared().runUntil(done, std::chrono::seconds(30)))
       throw std::runtime_error("the inbox did not answer within 30 s");
   }
 
-  std::filesystem::path folder;
-  platform::UserDefaults defaults;
-  herald::UserManager users;
-  platform::NotificationCenter center;
-  std::shared_ptr<herald::Herald> herald;
+  ~Session() { close(); }
+
   std::shared_ptr<herald::HeraldInboxListener> listener;
   int feedChanges = 0;
   int messageChanges = 0;

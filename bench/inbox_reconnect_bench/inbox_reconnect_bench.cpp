@@ -28,6 +28,7 @@
 #include "platform/paths.hpp"
 #include "platform/user_defaults.hpp"
 #include "support/local_service.hpp"
+#include "support/own_facade.hpp"
 #include "support/ratio_reporter.hpp"
 
 namespace {
@@ -56,12 +57,8 @@ std::size_t requestsSoFar() {
 }
 
 // A facade of its own, signed in, with one listener that keeps the last connection state.
-struct Session {
-  explicit Session(std::chrono::milliseconds base, std::chrono::milliseconds cap)
-      : folder(makeFolder()),
-        defaults(folder / "defaults.json"),
-        users(defaults),
-        herald(herald::Herald::create(users, center)) {
+struct Session : bench_support::OwnFacade {
+  explicit Session(std::chrono::milliseconds base, std::chrono::milliseconds cap) {
     herald::InboxConnectionOptions options;
     options.retryBase = base;
     options.retryCap = cap;
@@ -79,28 +76,14 @@ struct Session {
     }));
     waitFor(State::live);
   }
-  ~Session() {
-    platform::blockOn(herald->signOut());
-    platform::waitForIdle(std::chrono::seconds(5));
-    platform::MainQueue::shared().runFor(std::chrono::milliseconds(10));
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-  }
-  static std::filesystem::path makeFolder() {
-    std::string pattern = (platform::temporaryDirectory() / "reconnect-bench-XXXXXX").string();
-    return ::mkdtemp(pattern.data());
-  }
   void waitFor(State wanted) {
     if (!platform::MainQueue::shared().runUntil([&] { return state == wanted; },
                                                 std::chrono::seconds(60)))
       throw std::runtime_error("the inbox did not come to the state within 60 s");
   }
 
-  std::filesystem::path folder;
-  platform::UserDefaults defaults;
-  herald::UserManager users;
-  platform::NotificationCenter center;
-  std::shared_ptr<herald::Herald> herald;
+  ~Session() { close(); }
+
   std::shared_ptr<herald::HeraldInboxListener> listener;
   State state = State::offline;
   Clock::time_point retryAt;
