@@ -70,12 +70,10 @@ std::string costlyPages() {
 const std::string kDeepVariable =
     "query Q($v: " + std::string(30000, '[') + "Int" + std::string(30000, ']') + ") { count }";
 
-std::string str(const json::value& v) {
-  return std::string(v.as_string());
-}
-bool says(const Answer& answer, const std::string& text) {
+const auto str = [](const json::value& v) { return std::string(v.as_string()); };
+const auto says = [](const Answer& answer, const std::string& text) {
   return answer.firstError().find(text) != std::string::npos;
-}
+};
 
 std::string unreadCountQuery(const Maybe& tenant = {}) {
   const auto filter = tenant ? "{ accountId: \"" + *tenant + "\", status: \"unread\" }"
@@ -313,13 +311,8 @@ TEST_F(InboxGraphQL, WhatIsNotGraphQLOrNotInTheSchemaIsRefusedWithItsPlaceAndRun
   }
   EXPECT_EQ(ask(unreadCountQuery()).data().at("count"), 1);
 
-  // Hostile sizes are refused before they cost a stack or a minute.
-  EXPECT_TRUE(
-      says(ask("{ count(params: " + std::string(5000, '[') + std::string(5000, ']') + ") }"),
-           "deeper than"));
-  std::string deepFields;
-  for (int i = 0; i < 200; ++i) deepFields += "{ a ";
-  EXPECT_TRUE(says(ask(deepFields + std::string(200, '}')), "deeper than"));
+  // Hostile sizes are refused before they cost a stack or a minute (the parser's tests hold
+  // every rule that nests to the one depth limit the route uses).
   EXPECT_TRUE(says(ask("{ count" + std::string(70000, ' ') + "}"), "at most"));
   EXPECT_TRUE(says(ask(kDeepVariable), "deeper than"));
   // A status the schema takes as a string but the inbox does not know is the field's error.
