@@ -269,8 +269,7 @@ TEST_F(InboxGraphQL, OneMessageAnswersWhatItsQueryAsksUnderContent) {
 TEST_F(InboxGraphQL, WhatIsNotGraphQLOrNotInTheSchemaIsRefusedWithItsPlaceAndRunsNothing) {
   const auto id = addWith("2026-01-01T00:00:00Z");
   struct Case {
-    std::string query;
-    std::string expected;
+    std::string query, expected;
     long line, column;
   } refused[] = {
       {"{ count(params: {archived: true) }", "Unexpected \")\"", 1, 32},
@@ -377,8 +376,7 @@ TEST_F(InboxGraphQL, TheBodyAndItsVariablesAreReadAsAGraphQLServerReadsThem) {
   EXPECT_EQ(answer.data().at("messages").at("page").at(0).at("__typename"), "Message");
 
   struct Case {
-    std::string body;
-    std::string expected;
+    std::string body, expected;
   } refused[] = {
       {"not json", "JSON object"},
       {R"({"variables": {}})", "\"query\""},
