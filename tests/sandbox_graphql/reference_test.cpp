@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -58,22 +59,19 @@ json::object fixtureFor(const std::string& schema) {
 
 // --- the corpus written by hand -----------------------------------------------------------
 
+std::string slurp(const fs::path& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
 std::vector<Case> handWritten() {
   std::vector<Case> cases;
   for (const auto& entry : fs::recursive_directory_iterator(GRAPHQL_CORPUS_DIR)) {
     if (entry.path().extension() != ".graphql") continue;
-    std::ifstream file(entry.path());
-    std::stringstream text;
-    text << file.rdbuf();
     const auto relative = fs::relative(entry.path(), GRAPHQL_CORPUS_DIR);
-    Case c{relative.string(), relative.begin()->string(), text.str(), {}, {}};
-    auto extra = entry.path();
-    extra.replace_extension(".json");
-    if (fs::exists(extra)) {
-      std::ifstream options(extra);
-      std::stringstream body;
-      body << options.rdbuf();
-      const auto parsed = platform::parseJSON(body.str()).as_object();
+    Case c{relative.string(), relative.begin()->string(), slurp(entry.path())};
+    if (const auto extra = fs::path(entry.path()).replace_extension(".json"); fs::exists(extra)) {
+      const auto parsed = platform::parseJSON(slurp(extra)).as_object();
       if (const auto* v = parsed.if_contains("variables")) c.variables = v->as_object();
       if (const auto* o = parsed.if_contains("operationName"))
         c.operationName = std::string(o->as_string());
@@ -194,61 +192,37 @@ class Generator {
   std::vector<std::string> fragments_;
 };
 
-// One way of breaking a document, labelled with what it breaks.
+// The ways of breaking a document, each labelled with what it breaks: a variable to define,
+// a selection to put first, a directive after the operation's name, text to append.
+struct Break {
+  const char *variable, *top, *afterName, *tail;
+};
+constexpr Break breaks[] = {
+    {nullptr, "count(params: {}, params: {})"},            // duplicate argument
+    {nullptr, "x: count x: __typename"},                   // aliases that clash
+    {nullptr, "message { title }"},                        // required argument dropped
+    {nullptr, "messages(limit: \"ten\") { totalCount }"},  // literal of the wrong type
+    {"$unused: Int"},                                      // variable never used
+    {nullptr, nullptr, nullptr, "\nfragment Unused on Query { count }"},  // fragment never used
+    {nullptr, nullptr, " @include(if: true)"},              // directive in the wrong place
+    {"$l: [Int]", "messages(limit: $l) { totalCount }"},    // list where a scalar goes
+    {nullptr, "nope"},                                      // unknown field
+    {nullptr, "count { x }"},                               // a leaf with a selection
+    {nullptr, "messages(after: $nowhere) { totalCount }"},  // variable not defined
+    {nullptr, "...Cyc", nullptr,                            // a fragment cycle
+     "\nfragment Cyc on Query { count ...Cyc2 } fragment Cyc2 on Query { ...Cyc }"},
+    {nullptr, "count @skip(if: false, when: true)"},  // unknown directive argument
+    {nullptr, nullptr, nullptr, "\n{ count }"},       // two operations, one anonymous
+};
+
 std::string breakOnce(std::string text, std::size_t how) {
-  auto insertTop = [&](const std::string& what) { text.insert(text.find('{') + 1, " " + what); };
-  auto addVariable = [&](const std::string& definition) {
-    if (text.compare(7, 1, "(") == 0)
-      text.replace(0, 8, "query Q(" + definition + ", ");
-    else
-      text.replace(0, 7, "query Q(" + definition + ")");
-  };
-  switch (how % 14) {
-    case 0:  // duplicate argument
-      insertTop("count(params: {}, params: {})");
-      break;
-    case 1:  // aliases that clash
-      insertTop("x: count x: __typename");
-      break;
-    case 2:  // required argument dropped
-      insertTop("message { title }");
-      break;
-    case 3:  // literal of the wrong type
-      insertTop("messages(limit: \"ten\") { totalCount }");
-      break;
-    case 4:  // variable never used
-      addVariable("$unused: Int");
-      break;
-    case 5:  // fragment never used
-      text += "\nfragment Unused on Query { count }";
-      break;
-    case 6:  // directive in the wrong place
-      text.insert(text.find(' ', 6), " @include(if: true)");
-      break;
-    case 7:  // list-wrapped variable where a scalar goes
-      addVariable("$l: [Int]");
-      insertTop("messages(limit: $l) { totalCount }");
-      break;
-    case 8:  // unknown field
-      insertTop("nope");
-      break;
-    case 9:  // a leaf with a selection
-      insertTop("count { x }");
-      break;
-    case 10:  // variable not defined
-      insertTop("messages(after: $nowhere) { totalCount }");
-      break;
-    case 11:  // a fragment cycle
-      insertTop("...Cyc");
-      text += "\nfragment Cyc on Query { count ...Cyc2 } fragment Cyc2 on Query { ...Cyc }";
-      break;
-    case 12:  // unknown directive argument
-      insertTop("count @skip(if: false, when: true)");
-      break;
-    default:  // two operations, one anonymous
-      text += "\n{ count }";
-      break;
-  }
+  const auto& b = breaks[how % std::size(breaks)];
+  if (b.variable)
+    text.replace(0, text[7] == '(' ? 8 : 7,
+                 "query Q(" + std::string(b.variable) + (text[7] == '(' ? ", " : ")"));
+  if (b.top) text.insert(text.find('{') + 1, " " + std::string(b.top));
+  if (b.afterName) text.insert(text.find(' ', 6), b.afterName);
+  if (b.tail) text += b.tail;
   return text;
 }
 
@@ -258,11 +232,8 @@ std::vector<Case> generated(std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
     const auto valid = generator.query();
     cases.push_back({"generated/" + std::to_string(i) + "/valid", "inbox", valid, {}, {}});
-    cases.push_back({"generated/" + std::to_string(i) + "/broken-" + std::to_string(i % 14),
-                     "inbox",
-                     breakOnce(valid, i),
-                     {},
-                     {}});
+    const auto broken = "/broken-" + std::to_string(i % std::size(breaks));
+    cases.push_back({"generated/" + std::to_string(i) + broken, "inbox", breakOnce(valid, i)});
   }
   return cases;
 }
