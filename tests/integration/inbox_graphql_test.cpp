@@ -310,8 +310,13 @@ TEST_F(InboxGraphQL, WhatIsNotGraphQLOrNotInTheSchemaIsRefusedWithItsPlaceAndRun
   }
   EXPECT_EQ(ask(unreadCountQuery()).data().at("count"), 1);
 
-  // Hostile sizes are refused before they cost a stack or a minute (the parser's tests hold
-  // every rule that nests to the one depth limit the route uses).
+  // Hostile sizes are refused before they cost a stack or a minute.
+  EXPECT_TRUE(
+      says(ask("{ count(params: " + std::string(5000, '[') + std::string(5000, ']') + ") }"),
+           "deeper than"));
+  std::string deepFields;
+  for (int i = 0; i < 200; ++i) deepFields += "{ a ";
+  EXPECT_TRUE(says(ask(deepFields + std::string(200, '}')), "deeper than"));
   EXPECT_TRUE(says(ask("{ count" + std::string(70000, ' ') + "}"), "at most"));
   EXPECT_TRUE(says(ask(kDeepVariable), "deeper than"));
   // A status the schema takes as a string but the inbox does not know is the field's error.
