@@ -200,12 +200,11 @@ TEST(ColourProfiles, DisplayP3BecomesWhatLittleCmsRendersInSrgb) {
   cv::cvtColor(stored, translucent, cv::COLOR_BGR2BGRA);
   translucent.at<cv::Vec4b>(0, 0)[3] = 77;
   const Image withAlpha = decoded(pngWithProfile(translucent, p3));
-  cv::Mat colour, alpha;
+  cv::Mat colour;
   cv::cvtColor(withAlpha.pixels(), colour, cv::COLOR_BGRA2BGR);
-  cv::extractChannel(withAlpha.pixels(), alpha, 3);
   EXPECT_LE(cv::norm(colour, expected, cv::NORM_INF), 1);
-  EXPECT_EQ(alpha.at<uchar>(0, 0), 77);
-  EXPECT_EQ(alpha.at<uchar>(1, 1), 255);
+  EXPECT_EQ(withAlpha.pixels().at<cv::Vec4b>(0, 0)[3], 77);
+  EXPECT_EQ(withAlpha.pixels().at<cv::Vec4b>(1, 1)[3], 255);
 
   // A phone's orange: green 0.1633 in sRGB, not the stored 0.2353; monochrome 0.1652.
   const Image orange = decoded(tagged[0].second);
@@ -395,10 +394,7 @@ TEST_F(BadInputs, EachGivesNoneAndOneLogLine) {
   cv::randu(picture, 0, 255);
   const Bytes png = encode(".png", picture);
   const Bytes jpeg = encode(".jpg", picture);
-  imaging::DecodeLimits small;
-  small.maxBytes = 1000;
-  imaging::DecodeLimits few;
-  few.maxPixels = 300 * 299;
+  const imaging::DecodeLimits small{.maxBytes = 1000}, few{.maxPixels = 300 * 299};
 
   struct Case {
     std::string what;
