@@ -14,10 +14,8 @@ namespace pf = imaging::pixel_format;
 using Bytes = std::array<std::uint8_t, 4>;
 
 TEST(PixelBufferTest, BytesPerPixelOfEachFormat) {
-  EXPECT_EQ(imaging::bytesPerPixel(pf::argb32), 4);
-  EXPECT_EQ(imaging::bytesPerPixel(pf::abgr32), 4);
-  EXPECT_EQ(imaging::bytesPerPixel(pf::bgra32), 4);
-  EXPECT_EQ(imaging::bytesPerPixel(pf::rgba32), 4);
+  for (const auto format : {pf::argb32, pf::abgr32, pf::bgra32, pf::rgba32})
+    EXPECT_EQ(imaging::bytesPerPixel(format), 4) << format;
   EXPECT_EQ(imaging::bytesPerPixel(pf::oneComponent8), 1);
   EXPECT_EQ(pf::bgra32, 0x42475241u);  // the code other tools write for 'BGRA'
   // 16 bits per pixel: RGB 565 and one 16-bit grey component.

@@ -19,8 +19,7 @@ inline void put32le(Bytes& b, std::uint32_t v) {
   for (int shift = 0; shift < 32; shift += 8) b.push_back(static_cast<unsigned char>(v >> shift));
 }
 inline void put16le(Bytes& b, std::uint32_t v) {
-  b.push_back(static_cast<unsigned char>(v));
-  b.push_back(static_cast<unsigned char>(v >> 8));
+  for (int shift = 0; shift < 16; shift += 8) b.push_back(static_cast<unsigned char>(v >> shift));
 }
 inline Bytes bytesOf(const std::string& s) {
   return {s.begin(), s.end()};
