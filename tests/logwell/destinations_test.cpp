@@ -10,6 +10,7 @@
 #include <fstream>
 #include <future>
 #include <map>
+#include <numeric>
 #include <regex>
 #include <set>
 
@@ -154,32 +155,33 @@ TEST(FileDestination, ColouredFilesLeaveCriticalAndFaultUncoloured) {
   std::exit(0);
 }();
 
+// Waits a bounded time for a child, killing it if it hangs, and expects it to have exited 0.
+void expectCleanExit(pid_t pid) {
+  int status = 0;
+  const bool ended =
+      logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
+  if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
+  EXPECT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
 // Runs two child writers, tagged A and B, at the same time and waits for both.
 void runTwoWriters(const std::string& file, int lines, std::vector<std::string> extraEnv = {}) {
   std::vector<pid_t> children;
   for (std::string tag : {"A", "B"}) {
-    std::vector<std::string> env;
+    std::vector<std::string> env(extraEnv);
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
-    env.push_back("LOGWELL_CHILD_FILE=" + file);
-    env.push_back("LOGWELL_CHILD_TAG=" + tag);
-    env.push_back("LOGWELL_CHILD_LINES=" + std::to_string(lines));
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char*> envp, argv;
+    for (auto v : {"FILE=" + file, "TAG=" + tag, "LINES=" + std::to_string(lines)})
+      env.push_back("LOGWELL_CHILD_" + v);
+    std::vector<char*> envp;
     for (auto& e : env) envp.push_back(e.data());
     envp.push_back(nullptr);
     std::string self = "/proc/self/exe";
-    argv = {self.data(), nullptr};
+    std::vector<char*> argv{self.data(), nullptr};
     pid_t pid = 0;
     ASSERT_EQ(::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
     children.push_back(pid);
   }
-  for (pid_t pid : children) {
-    int status = 0;
-    const bool ended =
-        logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
-    if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
-    ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (pid_t pid : children) expectCleanExit(pid);
 }
 
 // Checks that the lines of both writers are whole and that each writer's numbers run from 0
@@ -194,7 +196,7 @@ void expectEveryLineOnceInOrder(const std::vector<std::string>& all, int lines) 
     seen[m[1]].push_back(std::stoi(m[2]));
   }
   std::vector<int> expected(lines);
-  for (int i = 0; i < lines; ++i) expected[i] = i;
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(seen["A"], expected);
   EXPECT_EQ(seen["B"], expected);
 }
@@ -247,11 +249,7 @@ TEST(FileDestination, AFullDiskLosesWholeEntriesAndTheFileStaysLineAligned) {
   }
   ::close(printed[1]);
   ASSERT_GT(pid, 0);
-  int status = 0;
-  const bool ended =
-      logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
-  if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
-  ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  expectCleanExit(pid);
 
   EXPECT_EQ(linesOf(path), (Lines{std::string(29, 'a'), std::string(29, 'b'), std::string(29, 'c'),
                                   "room again"}));
@@ -308,13 +306,13 @@ TEST(ConsoleDestination, ColourSchemesAndPrintWays) {
   plain.format = "$M";
   logwell_test::CaptureStream out(stdout);
   logwell_test::CaptureStream err(stderr);
-  plain.send(Level::info, "to stdout", "", "", "", 1);
+  send(plain, "to stdout");
   plain.setUseNSLog(true);
   plain.setUseNSLog(false);  // stays on nslog
-  plain.send(Level::info, "to nslog", "", "", "", 1);
+  send(plain, "to nslog");
   plain.logPrintWay = logwell::ConsoleDestination::LogPrintWay::print();
   plain.output = stderr;
-  plain.send(Level::info, "to stderr", "", "", "", 1);
+  send(plain, "to stderr");
   EXPECT_EQ(out.text(), "to stdout\n");
   EXPECT_TRUE(
       std::regex_match(err.text(), std::regex(R"(\S+ \S+ \S+\[\d+\] to nslog\nto stderr\n)")));
