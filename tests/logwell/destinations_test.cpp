@@ -46,6 +46,11 @@ std::set<std::string> namesIn(const fs::path& dir) {
   return names;
 }
 
+// A file destination writing the bare message, one per line.
+struct PlainFile : logwell::FileDestination {
+  explicit PlainFile(std::string url) : FileDestination(std::move(url)) { format = "$M"; }
+};
+
 void send(logwell::BaseDestination& d, std::string_view msg, Level level = Level::info) {
   d.send(level, msg, "", "/a/b.cpp", "f()", 1);
 }
@@ -56,8 +61,7 @@ using Lines = std::vector<std::string>;
 
 TEST(FileDestination, RotatesBySizeKeepingTheConfiguredNumberOfFiles) {
   TempDir dir;
-  logwell::FileDestination d(platform::fileURL(dir.path / "app.log"));
-  d.format = "$M";
+  PlainFile d(platform::fileURL(dir.path / "app.log"));
   d.logFileAmount = 3;
   d.logFileMaxSize = 10;
   for (auto m : {"aaaa", "bbbb", "cccc"}) send(d, m);  // exactly 10 bytes is not too large
@@ -72,8 +76,7 @@ TEST(FileDestination, RotatesBySizeKeepingTheConfiguredNumberOfFiles) {
 
 TEST(FileDestination, ANameWithoutExtensionAndTheOneByteOverTheLimit) {
   TempDir dir;
-  logwell::FileDestination d(platform::fileURL(dir.path / "app"));
-  d.format = "$M";
+  PlainFile d(platform::fileURL(dir.path / "app"));
   d.logFileAmount = 2;
   d.logFileMaxSize = 10;
   send(d, "123456789");
@@ -89,8 +92,7 @@ TEST(FileDestination, ANameWithoutExtensionAndTheOneByteOverTheLimit) {
 TEST(FileDestination, DefaultAmountNeverRotatesAndNewFilesArePrivate) {
   TempDir dir;
   const auto path = dir.path / "nested" / "deeper" / "app.log";
-  logwell::FileDestination d(path.string());
-  d.format = "$M";
+  PlainFile d(path.string());
   d.logFileMaxSize = 1;
   for (auto m : {"one", "two", "three"}) send(d, m);
   EXPECT_EQ(linesOf(path), (Lines{"one", "two", "three"}));
@@ -114,8 +116,7 @@ TEST(FileDestination, DefaultsToTheCachesDirectoryAndReportsFailedWrites) {
   EXPECT_EQ(cached.logFileURL, platform::fileURL(dir.path / "logwell.log"));
 
   const std::string url = platform::fileURL(dir.path);  // a directory cannot be appended to
-  logwell::FileDestination broken(url);
-  broken.format = "$M";
+  PlainFile broken(url);
   logwell_test::CaptureStream out(stdout);
   EXPECT_EQ(broken.send(Level::info, "lost", "", "", "", 1), "lost");
   EXPECT_EQ(out.text(), "Logwell File Destination could not write to file " + url + ".\n");
@@ -142,8 +143,7 @@ TEST(FileDestination, ColouredFilesLeaveCriticalAndFaultUncoloured) {
   const char* file = std::getenv("LOGWELL_CHILD_FILE");
   if (!file) return false;
   {
-    logwell::FileDestination d(std::string{file});
-    d.format = "$M";
+    PlainFile d(std::string{file});
     if (const char* amount = std::getenv("LOGWELL_CHILD_AMOUNT"))
       d.logFileAmount = std::stoi(amount);
     if (const char* max = std::getenv("LOGWELL_CHILD_MAX_SIZE")) d.logFileMaxSize = std::stoi(max);
@@ -227,8 +227,7 @@ TEST(FileDestination, TwoProcessesRotatingOneFileKeepEveryLine) {
 TEST(FileDestination, AFullDiskLosesWholeEntriesAndTheFileStaysLineAligned) {
   TempDir dir;
   const auto path = dir.path / "full.log";
-  logwell::FileDestination d(path.string());
-  d.format = "$M";
+  PlainFile d(path.string());
   int printed[2];
   ASSERT_EQ(::pipe(printed), 0);
   std::fflush(stdout);
@@ -269,8 +268,7 @@ TEST(FileDestination, ADirectoryOrAReaderlessFifoIsNeverRotatedAndFailsAsAWrite)
   const auto fifo = dir.path / "fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   for (const auto& path : {folder, fifo}) {
-    logwell::FileDestination d(path.string());
-    d.format = "$M";
+    PlainFile d(path.string());
     d.logFileAmount = 3;
     d.logFileMaxSize = -1;  // always too large
     logwell_test::CaptureStream out(stdout);
