@@ -10,6 +10,7 @@
 #include <fstream>
 #include <future>
 #include <map>
+#include <numeric>
 #include <regex>
 #include <set>
 
@@ -45,6 +46,11 @@ std::set<std::string> namesIn(const fs::path& dir) {
   return names;
 }
 
+// A file destination writing the bare message, one per line.
+struct PlainFile : logwell::FileDestination {
+  explicit PlainFile(std::string url) : FileDestination(std::move(url)) { format = "$M"; }
+};
+
 void send(logwell::BaseDestination& d, std::string_view msg, Level level = Level::info) {
   d.send(level, msg, "", "/a/b.cpp", "f()", 1);
 }
@@ -55,8 +61,7 @@ using Lines = std::vector<std::string>;
 
 TEST(FileDestination, RotatesBySizeKeepingTheConfiguredNumberOfFiles) {
   TempDir dir;
-  logwell::FileDestination d(platform::fileURL(dir.path / "app.log"));
-  d.format = "$M";
+  PlainFile d(platform::fileURL(dir.path / "app.log"));
   d.logFileAmount = 3;
   d.logFileMaxSize = 10;
   for (auto m : {"aaaa", "bbbb", "cccc"}) send(d, m);  // exactly 10 bytes is not too large
@@ -71,8 +76,7 @@ TEST(FileDestination, RotatesBySizeKeepingTheConfiguredNumberOfFiles) {
 
 TEST(FileDestination, ANameWithoutExtensionAndTheOneByteOverTheLimit) {
   TempDir dir;
-  logwell::FileDestination d(platform::fileURL(dir.path / "app"));
-  d.format = "$M";
+  PlainFile d(platform::fileURL(dir.path / "app"));
   d.logFileAmount = 2;
   d.logFileMaxSize = 10;
   send(d, "123456789");
@@ -88,8 +92,7 @@ TEST(FileDestination, ANameWithoutExtensionAndTheOneByteOverTheLimit) {
 TEST(FileDestination, DefaultAmountNeverRotatesAndNewFilesArePrivate) {
   TempDir dir;
   const auto path = dir.path / "nested" / "deeper" / "app.log";
-  logwell::FileDestination d(path.string());
-  d.format = "$M";
+  PlainFile d(path.string());
   d.logFileMaxSize = 1;
   for (auto m : {"one", "two", "three"}) send(d, m);
   EXPECT_EQ(linesOf(path), (Lines{"one", "two", "three"}));
@@ -113,8 +116,7 @@ TEST(FileDestination, DefaultsToTheCachesDirectoryAndReportsFailedWrites) {
   EXPECT_EQ(cached.logFileURL, platform::fileURL(dir.path / "logwell.log"));
 
   const std::string url = platform::fileURL(dir.path);  // a directory cannot be appended to
-  logwell::FileDestination broken(url);
-  broken.format = "$M";
+  PlainFile broken(url);
   logwell_test::CaptureStream out(stdout);
   EXPECT_EQ(broken.send(Level::info, "lost", "", "", "", 1), "lost");
   EXPECT_EQ(out.text(), "Logwell File Destination could not write to file " + url + ".\n");
@@ -141,8 +143,7 @@ TEST(FileDestination, ColouredFilesLeaveCriticalAndFaultUncoloured) {
   const char* file = std::getenv("LOGWELL_CHILD_FILE");
   if (!file) return false;
   {
-    logwell::FileDestination d(std::string{file});
-    d.format = "$M";
+    PlainFile d(std::string{file});
     if (const char* amount = std::getenv("LOGWELL_CHILD_AMOUNT"))
       d.logFileAmount = std::stoi(amount);
     if (const char* max = std::getenv("LOGWELL_CHILD_MAX_SIZE")) d.logFileMaxSize = std::stoi(max);
@@ -154,32 +155,33 @@ TEST(FileDestination, ColouredFilesLeaveCriticalAndFaultUncoloured) {
   std::exit(0);
 }();
 
+// Waits a bounded time for a child, killing it if it hangs, and expects it to have exited 0.
+void expectCleanExit(pid_t pid) {
+  int status = 0;
+  const bool ended =
+      logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
+  if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
+  EXPECT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
 // Runs two child writers, tagged A and B, at the same time and waits for both.
 void runTwoWriters(const std::string& file, int lines, std::vector<std::string> extraEnv = {}) {
   std::vector<pid_t> children;
   for (std::string tag : {"A", "B"}) {
-    std::vector<std::string> env;
+    std::vector<std::string> env(extraEnv);
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
-    env.push_back("LOGWELL_CHILD_FILE=" + file);
-    env.push_back("LOGWELL_CHILD_TAG=" + tag);
-    env.push_back("LOGWELL_CHILD_LINES=" + std::to_string(lines));
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char*> envp, argv;
+    for (auto v : {"FILE=" + file, "TAG=" + tag, "LINES=" + std::to_string(lines)})
+      env.push_back("LOGWELL_CHILD_" + v);
+    std::vector<char*> envp;
     for (auto& e : env) envp.push_back(e.data());
     envp.push_back(nullptr);
     std::string self = "/proc/self/exe";
-    argv = {self.data(), nullptr};
+    std::vector<char*> argv{self.data(), nullptr};
     pid_t pid = 0;
     ASSERT_EQ(::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
     children.push_back(pid);
   }
-  for (pid_t pid : children) {
-    int status = 0;
-    const bool ended =
-        logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
-    if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
-    ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (pid_t pid : children) expectCleanExit(pid);
 }
 
 // Checks that the lines of both writers are whole and that each writer's numbers run from 0
@@ -194,7 +196,7 @@ void expectEveryLineOnceInOrder(const std::vector<std::string>& all, int lines) 
     seen[m[1]].push_back(std::stoi(m[2]));
   }
   std::vector<int> expected(lines);
-  for (int i = 0; i < lines; ++i) expected[i] = i;
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(seen["A"], expected);
   EXPECT_EQ(seen["B"], expected);
 }
@@ -225,8 +227,7 @@ TEST(FileDestination, TwoProcessesRotatingOneFileKeepEveryLine) {
 TEST(FileDestination, AFullDiskLosesWholeEntriesAndTheFileStaysLineAligned) {
   TempDir dir;
   const auto path = dir.path / "full.log";
-  logwell::FileDestination d(path.string());
-  d.format = "$M";
+  PlainFile d(path.string());
   int printed[2];
   ASSERT_EQ(::pipe(printed), 0);
   std::fflush(stdout);
@@ -247,11 +248,7 @@ TEST(FileDestination, AFullDiskLosesWholeEntriesAndTheFileStaysLineAligned) {
   }
   ::close(printed[1]);
   ASSERT_GT(pid, 0);
-  int status = 0;
-  const bool ended =
-      logwell_test::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
-  if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &status, 0);
-  ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  expectCleanExit(pid);
 
   EXPECT_EQ(linesOf(path), (Lines{std::string(29, 'a'), std::string(29, 'b'), std::string(29, 'c'),
                                   "room again"}));
@@ -271,8 +268,7 @@ TEST(FileDestination, ADirectoryOrAReaderlessFifoIsNeverRotatedAndFailsAsAWrite)
   const auto fifo = dir.path / "fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   for (const auto& path : {folder, fifo}) {
-    logwell::FileDestination d(path.string());
-    d.format = "$M";
+    PlainFile d(path.string());
     d.logFileAmount = 3;
     d.logFileMaxSize = -1;  // always too large
     logwell_test::CaptureStream out(stdout);
@@ -308,13 +304,13 @@ TEST(ConsoleDestination, ColourSchemesAndPrintWays) {
   plain.format = "$M";
   logwell_test::CaptureStream out(stdout);
   logwell_test::CaptureStream err(stderr);
-  plain.send(Level::info, "to stdout", "", "", "", 1);
+  send(plain, "to stdout");
   plain.setUseNSLog(true);
   plain.setUseNSLog(false);  // stays on nslog
-  plain.send(Level::info, "to nslog", "", "", "", 1);
+  send(plain, "to nslog");
   plain.logPrintWay = logwell::ConsoleDestination::LogPrintWay::print();
   plain.output = stderr;
-  plain.send(Level::info, "to stderr", "", "", "", 1);
+  send(plain, "to stderr");
   EXPECT_EQ(out.text(), "to stdout\n");
   EXPECT_TRUE(
       std::regex_match(err.text(), std::regex(R"(\S+ \S+ \S+\[\d+\] to nslog\nto stderr\n)")));

@@ -39,11 +39,9 @@ TEST_F(Facade, DestinationsAreASetOfObjects) {
 }
 
 TEST_F(Facade, EachDestinationGetsEveryEntryOnceInOrderAndTheMessageIsMadeOnce) {
-  std::vector<std::shared_ptr<Recorder>> recorders;
-  for (int i = 0; i < 3; ++i) {
-    recorders.push_back(std::make_shared<Recorder>());
-    Logwell::addDestination(recorders.back());
-  }
+  std::vector recorders{std::make_shared<Recorder>(), std::make_shared<Recorder>(),
+                       std::make_shared<Recorder>()};
+  for (auto& r : recorders) Logwell::addDestination(r);
   recorders[1]->setAsynchronously(false);
   recorders[2]->minLevel = Level::error;
 
@@ -65,8 +63,7 @@ TEST_F(Facade, EachDestinationGetsEveryEntryOnceInOrderAndTheMessageIsMadeOnce) 
   for (int i = 0; i < 300; ++i) Logwell::custom(i % 2 ? Level::error : Level::debug, i);
   ASSERT_TRUE(Logwell::flush(10));
 
-  std::vector<std::string> all{"lazy"}, errors{"lazy"};
-  errors.clear();
+  std::vector<std::string> all{"lazy"}, errors;
   for (int i = 0; i < 300; ++i) {
     all.push_back(std::to_string(i));
     if (i % 2) errors.push_back(std::to_string(i));

@@ -51,15 +51,11 @@ TEST(Filters, RequiredFiltersDecideBeforeTheLevel) {
 }
 
 TEST(Filters, ComparisonsAndCustomPredicates) {
-  auto applies = [](const std::shared_ptr<logwell::CompareFilter>& f, std::string_view v) {
-    return f->apply(v);
-  };
-  EXPECT_TRUE(applies(Filters::Message.endsWith({"done", "ok"}), "all OK"));
-  EXPECT_FALSE(applies(Filters::Message.endsWith({"ok"}, true), "all OK"));
-  EXPECT_TRUE(applies(Filters::Message.equals({"\xC3\x89T\xC3\x89"}), "\xC3\xA9t\xC3\xA9"));
-  EXPECT_FALSE(applies(Filters::Message.equals({"abc"}), "abcd"));
-  EXPECT_TRUE(
-      applies(Filters::Path.custom([](std::string_view p) { return p.size() == 3; }), "abc"));
+  EXPECT_TRUE(Filters::Message.endsWith({"done", "ok"})->apply("all OK"));
+  EXPECT_FALSE(Filters::Message.endsWith({"ok"}, true)->apply("all OK"));
+  EXPECT_TRUE(Filters::Message.equals({"\xC3\x89T\xC3\x89"})->apply("\xC3\xA9t\xC3\xA9"));
+  EXPECT_FALSE(Filters::Message.equals({"abc"})->apply("abcd"));
+  EXPECT_TRUE(Filters::Path.custom([](std::string_view p) { return p.size() == 3; })->apply("abc"));
   EXPECT_FALSE(Filters::Path.contains({"a"})->apply(std::nullopt));
 }
 

@@ -22,7 +22,7 @@ std::string format(std::string_view fmt, std::string_view msg = "x",
 
 }  // namespace
 
-TEST(Format, TokensPaddingAndPlainText) {
+TEST(Format, TokensPaddingPlainTextAndStrayDollars) {
   EXPECT_EQ(format("$L: $M"), "INFO: x");
   EXPECT_EQ(format("[$5L]"), "[ INFO]");
   EXPECT_EQ(format("[$-5L]"), "[INFO ]");
@@ -32,9 +32,7 @@ TEST(Format, TokensPaddingAndPlainText) {
   EXPECT_EQ(format("$N|$n", "x", {}, Level::info, ""), "|");
   EXPECT_EQ(format("just text  \t"), "just text");
   EXPECT_EQ(format("  lead and inner  space"), "  lead and inner  space");
-}
-
-TEST(Format, UnknownTokensAndDollarsAreCopiedWithoutTheirDollar) {
+  // Unknown tokens and stray dollars are copied without their dollar.
   EXPECT_EQ(format("a$Qrest b"), "aQrest b");
   EXPECT_EQ(format("a$$b$M"), "abx");
   EXPECT_EQ(format("$-x $M"), "-x x");

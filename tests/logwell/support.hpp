@@ -10,7 +10,7 @@
 #include <fstream>
 #include <future>
 #include <mutex>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -78,9 +78,7 @@ class CaptureStream {
   std::string text() {
     restore();
     std::ifstream in(path_);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
+    return {std::istreambuf_iterator<char>(in), {}};
   }
 
  private:
@@ -101,10 +99,8 @@ class CaptureStream {
 template <class Pred>
 bool eventually(Pred done) {
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(2)))
     if (std::chrono::steady_clock::now() > limit) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
   return true;
 }
 
