@@ -159,8 +159,8 @@ class InboxModuleTest : public ::testing::Test {
     return std::string(added.object().at("messageId").as_string());
   }
   // Trouble for the next matching requests to the inbox's GraphQL endpoint.
-  void trouble(json::object rule) const {
-    rule["path"] = "/inbox/q";
+  void trouble(json::object rule, const char* path = "/inbox/q") const {
+    rule["path"] = path;
     const auto set = call(url("/_sandbox/trouble"), "POST", platform::toJSON(rule));
     ASSERT_EQ(set.status, 200) << set.body;
   }
@@ -204,6 +204,22 @@ class InboxModuleTest : public ::testing::Test {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   }
+  // Ada signed in, `heard` given the first state (or, with states, told live), one socket.
+  bool live(Heard& heard, bool states = false) {
+    signIn("ada");
+    heard.states = states;
+    listen(heard);
+    return (states ? heard.waitForLine("state live") : heard.waitFor(4)) && waitForSubscribed(1);
+  }
+  // Bounded: until `n` inbox requests are in flight (after a `clearJournal`).
+  void waitForInboxRequests(std::size_t n) const {
+    const auto deadline = Clock::now() + std::chrono::seconds(5);
+    while (inboxRequests().size() < n && Clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  herald::HeraldClient otherDevice() const {
+    return {tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt, false};
+  }
   std::shared_ptr<herald::HeraldInboxListener> listen(Heard& heard) {
     return platform::blockOn(herald_->addInboxListener(heard.callbacks()));
   }
@@ -215,12 +231,7 @@ class InboxModuleTest : public ::testing::Test {
   // Losses noticed and recovered from in a fraction of a second: back-off 300 ms (then 600,
   // 1200), no jitter, a dead peer noticed within 600 ms, an upgrade given up after 500 ms.
   void recoverQuickly() {
-    herald::InboxConnectionOptions options;
-    options.retryBase = std::chrono::milliseconds(300);
-    options.retryCap = std::chrono::milliseconds(1200);
-    options.stablePeriod = std::chrono::milliseconds(0);
-    options.socket.idleTimeout = std::chrono::milliseconds(400);
-    options.socket.handshakeTimeout = std::chrono::milliseconds(500);
+    auto options = connectionOptions(300ms, 1200ms, 0ms, 400ms, 500ms);
     options.jitter = [](double ceiling) { return ceiling; };
     platform::blockOn(herald_->inboxModule()->setOptions(options));
   }
@@ -228,12 +239,7 @@ class InboxModuleTest : public ::testing::Test {
     const auto done = call(url("/_sandbox/realtime/ada"), "POST", body);
     ASSERT_EQ(done.status, 200) << body << ": " << done.body;
   }
-  // Trouble for the next upgrades of the realtime socket.
-  void upgradeTrouble(json::object rule) const {
-    rule["path"] = "/realtime/";
-    const auto set = call(url("/_sandbox/trouble"), "POST", platform::toJSON(rule));
-    ASSERT_EQ(set.status, 200) << set.body;
-  }
+  void upgradeTrouble(json::object rule) const { trouble(std::move(rule), "/realtime/"); }
   // Every id of the state, feed then archive, and how often each is there.
   std::map<std::string, int> held() const {
     std::map<std::string, int> out;
@@ -267,7 +273,7 @@ TEST_F(InboxModuleTest, StartsWithThreeLoadsAtOnceThenTheSocketAndHandsTheStateT
   EXPECT_EQ(platform::blockOn(herald_->inboxPaginationLimit()), 1);
   platform::blockOn(herald_->setPaginationLimit(2));
 
-  const auto m1 = addMessage("ada", "one");
+  addMessage("ada", "one");
   const auto m2 = addMessage("ada", "two");
   const auto m3 = addMessage("ada", "three");
   signIn("ada");
@@ -304,7 +310,6 @@ TEST_F(InboxModuleTest, StartsWithThreeLoadsAtOnceThenTheSocketAndHandsTheStateT
   EXPECT_EQ(second.lines, first.lines);
   EXPECT_TRUE(inboxRequests().empty());
   EXPECT_EQ(platform::blockOn(herald_->inboxModule()->listenerCount()), 2u);
-  (void)m1;
 }
 
 TEST_F(InboxModuleTest, ListenerWithNobodySignedInHearsTheErrorStaysAndFollowsTheSession) {
@@ -384,27 +389,21 @@ TEST_F(InboxModuleTest, EachOperationChangesTheStateHereAndSendsItsMutation) {
 
 TEST_F(InboxModuleTest, SocketMessagesGoOnTopAndEventsFromAnotherDeviceAreAppliedAndEchoed) {
   const auto a = addMessage("ada", "a");
-  signIn("ada");
   Heard heard;
-  ASSERT_TRUE(loaded(heard));
-  ASSERT_TRUE(waitForSubscribed(1));
+  ASSERT_TRUE(live(heard));
 
   const auto b = addMessage("ada", "b");
   ASSERT_TRUE(heard.waitFor(6));
   EXPECT_EQ(heard.since(4), (Lines{"added feed 0 " + b + "{}", "count 2"}));
   // A message that comes already read still counts as new.
-  ASSERT_EQ(call(url("/_sandbox/realtime/ada"), "POST",
-                 R"({"frame": {"type": "message", "messageId": "pushed", "read": "2026-01-01"}})")
-                .status,
-            200);
+  order(R"({"frame": {"type": "message", "messageId": "pushed", "read": "2026-01-01"}})");
   ASSERT_TRUE(heard.waitFor(8));
   EXPECT_EQ(heard.since(6), (Lines{"added feed 0 pushed{r}", "count 3"}));
 
   // Another device reads `a`: the event arrives, is applied here and told back to the
   // service from this device.
   clearJournal();
-  herald::HeraldClient other(tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt,
-                             false);
+  auto other = otherDevice();
   platform::blockOn(other.inbox()->read(a));
   ASSERT_TRUE(heard.waitFor(10));
   EXPECT_EQ(heard.since(8), (Lines{"changed feed 2 " + a + "{r}", "count 2"}));
@@ -422,10 +421,7 @@ TEST_F(InboxModuleTest, SocketMessagesGoOnTopAndEventsFromAnotherDeviceAreApplie
   EXPECT_EQ(mutations(), (Lines(2, "read(messageId:\"" + a + "\")")));
 
   // The service closing the connection ends the live inbox: every listener hears of it.
-  ASSERT_EQ(call(url("/_sandbox/realtime/ada"), "POST",
-                 R"({"close": {"code": 4000, "reason": "maintenance"}})")
-                .status,
-            200);
+  order(R"({"close": {"code": 4000, "reason": "maintenance"}})");
   ASSERT_TRUE(heard.waitFor(11));
   EXPECT_EQ(heard.lines[10], "error The service closed the realtime connection (4000, maintenance)");
 }
@@ -495,12 +491,9 @@ TEST_F(InboxModuleTest, ManyOperationsAndSocketEventsAtOnce) {
   platform::blockOn(herald_->setPaginationLimit(5));
   std::vector<std::string> all;
   for (int i = 0; i < 12; ++i) all.push_back(addMessage("ada", "m" + std::to_string(i)));
-  signIn("ada");
   Heard heard;
-  ASSERT_TRUE(loaded(heard));
-  ASSERT_TRUE(waitForSubscribed(1));
-  herald::HeraldClient other(tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt,
-                             false);
+  ASSERT_TRUE(live(heard));
+  auto other = otherDevice();
 
   std::vector<std::future<void>> work;
   const auto spawn = [&](auto task) { work.push_back(std::async(std::launch::async, task)); };
@@ -555,12 +548,8 @@ TEST_F(InboxModuleTest, ManyOperationsAndSocketEventsAtOnce) {
 TEST_F(InboxModuleTest, EveryKindOfLossIsHeardOnceAndTheInboxComesBackWithWhatItMissed) {
   recoverQuickly();
   const auto first = addMessage("ada", "first");
-  signIn("ada");
   Heard heard;
-  heard.states = true;
-  listen(heard);
-  ASSERT_TRUE(heard.waitForLine("state live"));
-  ASSERT_TRUE(waitForSubscribed(1));
+  ASSERT_TRUE(live(heard, true));
 
   std::map<std::string, int> expected{{first, 1}};
   for (const std::string loss : {R"({"reset": true})", R"({"close": {"code": 4000}})",
@@ -587,12 +576,8 @@ TEST_F(InboxModuleTest, EveryKindOfLossIsHeardOnceAndTheInboxComesBackWithWhatIt
 
 TEST_F(InboxModuleTest, RefusedOrUnansweredRestartsTryAgainAndRefusedCredentialsGoOffline) {
   recoverQuickly();
-  signIn("ada");
   Heard heard;
-  heard.states = true;
-  listen(heard);
-  ASSERT_TRUE(heard.waitForLine("state live"));
-  ASSERT_TRUE(waitForSubscribed(1));
+  ASSERT_TRUE(live(heard, true));
 
   // Two refused upgrades, then one left unanswered past the handshake limit.
   upgradeTrouble({{"status", 503}, {"times", 2}});
@@ -619,10 +604,8 @@ TEST_F(InboxModuleTest, RefusedOrUnansweredRestartsTryAgainAndRefusedCredentials
 
 TEST_F(InboxModuleTest, ABurstOfEventsIsAppliedInOrderAndTheLastOneStandsHereAndOnTheService) {
   const auto a = addMessage("ada", "a");
-  signIn("ada");
   Heard heard;
-  ASSERT_TRUE(loaded(heard));
-  ASSERT_TRUE(waitForSubscribed(1));
+  ASSERT_TRUE(live(heard));
   clearJournal();
   Lines sent;
   for (int i = 0; i < 8; ++i) {
@@ -638,8 +621,7 @@ TEST_F(InboxModuleTest, ABurstOfEventsIsAppliedInOrderAndTheLastOneStandsHereAnd
   }
   EXPECT_EQ(mutations(), sent);
   EXPECT_EQ(ids(platform::blockOn(herald_->feedMessages())), (Lines{a + "{}"}));
-  herald::HeraldClient other(tokenFor("ada"), std::nullopt, "ada", "other-device", std::nullopt,
-                             false);
+  auto other = otherDevice();
   const auto service = platform::blockOn(other.inbox()->getMessages(10, std::nullopt));
   EXPECT_EQ(describe(herald::InboxMessageSet::fromData(service.data.value_or(herald::InboxData{}))),
             "[" + a + "{}]");
@@ -653,9 +635,7 @@ TEST_F(InboxModuleTest, SignOutDuringAStalledReloadReturnsAtOnceAndTheLateAnswer
   clearJournal();
   trouble({{"delay", 1.5}, {"times", 3}});
   auto reload = platform::spawnFuture(herald_->refreshInbox());
-  const auto deadline = Clock::now() + std::chrono::seconds(5);
-  while (inboxRequests().size() < 3 && Clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  waitForInboxRequests(3);
 
   const auto started = Clock::now();
   platform::blockOn(herald_->signOut());
@@ -671,16 +651,12 @@ TEST_F(InboxModuleTest, SignOutDuringAStalledReloadReturnsAtOnceAndTheLateAnswer
 
 TEST_F(InboxModuleTest, AMessageThatArrivesWhileTheInboxReloadsIsThereOnce) {
   const auto n1 = addMessage("ada", "n1");
-  signIn("ada");
   Heard heard;
-  ASSERT_TRUE(loaded(heard));
-  ASSERT_TRUE(waitForSubscribed(1));
+  ASSERT_TRUE(live(heard));
   clearJournal();
   trouble({{"delay", 0.5}, {"times", 3}});
   auto reload = platform::spawnFuture(herald_->refreshInbox());
-  const auto deadline = Clock::now() + std::chrono::seconds(5);
-  while (inboxRequests().size() < 3 && Clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  waitForInboxRequests(3);
   const auto n2 = addMessage("ada", "n2");
   ASSERT_EQ(reload.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   platform::MainQueue::shared().runFor(std::chrono::milliseconds(300));

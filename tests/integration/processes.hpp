@@ -12,9 +12,26 @@
 #include <utility>
 #include <vector>
 
+#include "herald/inbox_module.hpp"
+
 namespace integration {
 
 using namespace std::chrono_literals;
+
+/// Realtime options scaled down so losses are noticed and recovered from within a test.
+inline herald::InboxConnectionOptions connectionOptions(std::chrono::milliseconds retryBase,
+                                                        std::chrono::milliseconds retryCap,
+                                                        std::chrono::milliseconds stablePeriod,
+                                                        std::chrono::milliseconds deadPeer,
+                                                        std::chrono::milliseconds handshake) {
+  herald::InboxConnectionOptions options;
+  options.retryBase = retryBase;
+  options.retryCap = retryCap;
+  options.stablePeriod = stablePeriod;
+  options.socket.idleTimeout = deadPeer;
+  options.socket.handshakeTimeout = handshake;
+  return options;
+}
 
 /// HERALD_BIN_DIR/name
 std::string program(const std::string& name);

@@ -43,13 +43,8 @@ TEST(LiveInboxSoak, DroppedAtRandomWhileMessagesArriveTheFeedEndsAsTheServicesFe
   platform::NotificationCenter center;
   const auto herald = herald::Herald::create(users, center);
 
-  herald::InboxConnectionOptions options;
-  options.retryBase = std::chrono::milliseconds(100);
-  options.retryCap = std::chrono::seconds(2);
-  options.stablePeriod = std::chrono::seconds(1);
-  options.socket.idleTimeout = std::chrono::seconds(1);
-  options.socket.handshakeTimeout = std::chrono::seconds(1);
-  platform::blockOn(herald->inboxModule()->setOptions(options));
+  platform::blockOn(
+      herald->inboxModule()->setOptions(connectionOptions(100ms, 2s, 1s, 1s, 1s)));
   platform::blockOn(herald->setPaginationLimit(100));
   const auto jwt = std::string(
       call(sandbox.url() + "/_sandbox/users/ada/token", "POST").object().at("jwt").as_string());
